@@ -1,0 +1,72 @@
+#pragma once
+// The main queue: a run loop owned by the host's main thread. Everything the framework confines to the
+// main thread (host calls, DNS-SD events, HTTP client completions, callbacks to the host) runs here.
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+class QVMainQueue {
+public:
+  using Task = std::function<void()>;
+  using Clock = std::chrono::steady_clock;
+  using TimerID = uint64_t;
+  // A host with a loop of its own (Qt, GLib) installs one: it must run each task on its main thread.
+  using Dispatcher = std::function<void(Task)>;
+
+  static QVMainQueue& main();
+
+  // The thread that runs the queue; until run(), runUntil() or drain() is first called, the process's
+  // initial thread.
+  bool isMainThread() const;
+
+  void post(Task task);
+  TimerID postAfter(Clock::duration delay, Task task);
+  void cancelTimer(TimerID timer);
+
+  // Runs tasks on the calling thread, which becomes the main thread, until stop() is called.
+  void run();
+  // Runs until `done` holds or `timeout` passes; returns `done()`. For tests and one-shot commands.
+  bool runUntil(const std::function<bool()>& done, Clock::duration timeout);
+  // Runs whatever is due now, without waiting.
+  void drain();
+  // Ends run(); tasks that wait in performOnMainThreadSynchronouslyIfPossible are released unrun.
+  void stop();
+  // Accepts tasks again after stop().
+  void reset();
+  bool stopped() const;
+
+  void setDispatcher(Dispatcher dispatcher);
+
+private:
+  QVMainQueue();
+  bool runOnce(std::unique_lock<std::mutex>& lock, Clock::time_point deadline);
+
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<Task> tasks_;
+  std::multimap<Clock::time_point, std::pair<TimerID, Task>> timers_;
+  TimerID nextTimer_ = 1;
+  uint64_t generation_ = 0; // bumped by stop(): waiters of an older generation give up
+  bool stopped_ = false;
+  std::optional<std::thread::id> mainThread_;
+  Dispatcher dispatcher_;
+  friend void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
+};
+
+// Runs `fn` at once on the main thread, else hands it to the main queue and waits until it has run.
+// When the main queue stops meanwhile, `fn` is dropped with a warning rather than waited for forever.
+void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
+
+#ifdef NDEBUG
+#define QV_ASSERT_MAIN_THREAD() ((void)0)
+#else
+#include <cassert>
+#define QV_ASSERT_MAIN_THREAD() assert(QVMainQueue::main().isMainThread() && "must run on the main thread")
+#endif

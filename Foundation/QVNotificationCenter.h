@@ -1,0 +1,55 @@
+#pragma once
+// Named notifications with an object and a userInfo, delivered synchronously on the posting thread.
+
+#include "Foundation/QVTypes.h"
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct QVNotification {
+  std::string name;
+  const void* object = nullptr; // identity of the sender (the manager), or none
+  QVUserInfo userInfo;
+};
+
+class QVNotificationCenter {
+public:
+  using Observer = std::function<void(const QVNotification&)>;
+  using Token = uint64_t;
+
+  static QVNotificationCenter& defaultCenter();
+
+  // `object` filters by sender; nullptr observes every sender.
+  Token addObserver(std::string name, const void* object, Observer observer);
+  void removeObserver(Token token);
+  void post(std::string name, const void* object, QVUserInfo userInfo = {});
+
+private:
+  struct Entry {
+    Token token;
+    std::string name;
+    const void* object;
+    std::shared_ptr<Observer> observer;
+  };
+  std::mutex mutex_;
+  std::vector<Entry> entries_;
+  Token nextToken_ = 1;
+};
+
+// Removes its observer when it goes away.
+class QVNotificationObservation {
+public:
+  QVNotificationObservation() = default;
+  QVNotificationObservation(QVNotificationCenter& center, std::string name, const void* object,
+                            QVNotificationCenter::Observer observer);
+  QVNotificationObservation(QVNotificationObservation&& other) noexcept;
+  QVNotificationObservation& operator=(QVNotificationObservation&& other) noexcept;
+  ~QVNotificationObservation();
+
+private:
+  QVNotificationCenter* center_ = nullptr;
+  QVNotificationCenter::Token token_ = 0;
+};

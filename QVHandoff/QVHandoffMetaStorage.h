@@ -1,0 +1,56 @@
+#pragma once
+// Holds the meta data every installation of one user shares: the service type and the AES-256 key.
+// Subclasses decide where it is kept and how it reaches the other devices.
+
+#include "Foundation/QVTypes.h"
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+class QVHandoffMetaStorage;
+
+inline constexpr const char* QVHandoffMetaServiceTypeKey = "serviceType";
+inline constexpr const char* QVHandoffMetaAES256KeyKey = "aes256Key";
+inline constexpr const char* QVHandoffMetaFileName = ".com.quorvel.paperloom.handoff";
+
+class QVHandoffMetaStorageDelegate {
+public:
+  virtual ~QVHandoffMetaStorageDelegate() = default;
+  // The storage's service type and key now hold new values. Always called on the main queue.
+  virtual void metaDataStorageDidChange(const std::shared_ptr<QVHandoffMetaStorage>& storage) = 0;
+};
+
+class QVHandoffMetaStorage : public std::enable_shared_from_this<QVHandoffMetaStorage> {
+public:
+  virtual ~QVHandoffMetaStorage() = default;
+
+  // 32 bytes from the system's cryptographic random source.
+  static QVData randomAES256Key();
+
+  bool master() const;
+  virtual void setMaster(bool master);
+  std::shared_ptr<QVHandoffMetaStorageDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<QVHandoffMetaStorageDelegate> delegate);
+  // Written on the storage's own threads, read by the delegate on the main queue: hence the lock.
+  std::string serviceType() const;
+  void setServiceType(std::string serviceType);
+  QVData AES256Key() const;
+  void setAES256Key(QVData key);
+
+  // A fresh service type and key; neither persisted nor announced (the caller writes, the write announces).
+  void generateMeta();
+  // Tells the delegate later, on the main queue, never on the caller's stack.
+  void notifyDelegateAboutMetaChange();
+
+protected:
+  // Where generateMeta takes its key; a subclass may supply its own source.
+  virtual QVData makeAES256Key() const { return randomAES256Key(); }
+
+private:
+  mutable std::mutex mutex_;
+  bool master_ = false;
+  std::weak_ptr<QVHandoffMetaStorageDelegate> delegate_;
+  std::string serviceType_;
+  QVData AES256Key_;
+};

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs every Debian package the build, the tests and the demo need. Safe to run again.
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config git ca-certificates
+  libmicrohttpd-dev
+  libcurl4-openssl-dev
+  libssl-dev openssl
+  libavahi-client-dev libavahi-core-dev avahi-daemon avahi-utils dbus
+  libspdlog-dev libfmt-dev
+  nlohmann-json3-dev
+  libplist-dev libplist-utils
+  libglib2.0-dev shared-mime-info
+  uuid-dev
+  libcli11-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  iproute2 attr
+  clang-format
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all ${#packages[@]} packages present"
+  exit 0
+fi
+
+sudo_cmd=()
+[ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+export DEBIAN_FRONTEND=noninteractive
+echo "setup: installing ${missing[*]}"
+"${sudo_cmd[@]}" apt-get update -qq
+"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+# A package install may start the system's own mDNS daemon; this machine's real interfaces are not ours.
+if command -v systemctl >/dev/null 2>&1 && systemctl is-active --quiet avahi-daemon 2>/dev/null; then
+  "${sudo_cmd[@]}" systemctl stop avahi-daemon.socket avahi-daemon.service 2>/dev/null || true
+fi
+echo "setup: done"

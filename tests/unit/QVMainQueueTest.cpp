@@ -1,0 +1,102 @@
+#include "Foundation/QVLog.h"
+#include "Foundation/QVMainQueue.h"
+#include "Foundation/QVNotificationCenter.h"
+#include "support/QVTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+QV_LOG_SOURCE("Tests/QVMainQueueTest")
+
+namespace {
+
+struct Probe {
+  void logSomething(int value) { QV_LOG_ERROR("Couldn't do it with result({})", value); }
+};
+
+} // namespace
+
+TEST(QVMainQueueTest, PerformFromAnotherThreadWaitsForTheMainThread) {
+  std::atomic<bool> ranOnMain = false;
+  std::atomic<bool> returned = false;
+  std::thread worker([&] {
+    performOnMainThreadSynchronouslyIfPossible([&] { ranOnMain = QVMainQueue::main().isMainThread(); });
+    // Only after the function has run does the caller go on.
+    EXPECT_TRUE(ranOnMain.load());
+    returned = true;
+  });
+  EXPECT_TRUE(QVRunMainQueueUntil([&] { return returned.load(); }));
+  worker.join();
+  EXPECT_TRUE(ranOnMain);
+
+  // On the main thread it runs at once, on the caller's stack.
+  bool inline_ = false;
+  performOnMainThreadSynchronouslyIfPossible([&] { inline_ = true; });
+  EXPECT_TRUE(inline_);
+}
+
+TEST(QVMainQueueTest, StoppedQueueReleasesWaitersWithoutRunningTheirTask) {
+  QVLogCapture log;
+  std::atomic<bool> ran = false;
+  std::thread worker([&] { performOnMainThreadSynchronouslyIfPossible([&] { ran = true; }); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  QVMainQueue::main().stop();
+  worker.join(); // would hang forever if the waiter were not released
+  QVMainQueue::main().reset();
+  QVMainQueue::main().drain(); // the abandoned task must not run now either
+  EXPECT_FALSE(ran);
+  EXPECT_TRUE(log.contains("Main queue stopped, dropping a task", "warning"));
+}
+
+TEST(QVMainQueueTest, TasksAndTimersRunInOrderAndCancelledTimersNever) {
+  std::vector<int> order;
+  auto& queue = QVMainQueue::main();
+  queue.postAfter(std::chrono::milliseconds(30), [&] { order.push_back(3); });
+  const auto cancelled = queue.postAfter(std::chrono::milliseconds(10), [&] { order.push_back(99); });
+  queue.post([&] { order.push_back(1); });
+  queue.post([&] { order.push_back(2); });
+  queue.cancelTimer(cancelled);
+  EXPECT_TRUE(QVRunMainQueueUntil([&] { return order.size() == 3; }));
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(QVMainQueueTest, NotificationsFilterBySenderAndStopWithTheObservation) {
+  auto& center = QVNotificationCenter::defaultCenter();
+  int sender = 0, other = 0;
+  int seenAny = 0, seenSender = 0;
+  QVUserInfo received;
+  {
+    QVNotificationObservation any(center, "QVTestNotification", nullptr,
+                                  [&](const QVNotification&) { ++seenAny; });
+    QVNotificationObservation fromSender(center, "QVTestNotification", &sender, [&](const QVNotification& n) {
+      ++seenSender;
+      received = n.userInfo;
+    });
+    center.post("QVTestNotification", &sender, {{"key", std::string("value")}});
+    center.post("QVTestNotification", &other);
+    center.post("QVOtherNotification", &sender);
+    EXPECT_EQ(seenAny, 2);
+    EXPECT_EQ(seenSender, 1);
+    EXPECT_EQ(std::get<std::string>(received.at("key")), "value");
+  }
+  center.post("QVTestNotification", &sender);
+  EXPECT_EQ(seenAny, 2);
+}
+
+TEST(QVMainQueueTest, LogLinesCarrySourceOperationAndMessageOnlyWhenEnabled) {
+  QVLogCapture log;
+  Probe().logSomething(-4300);
+  ASSERT_EQ(log.lines().size(), 1u);
+  const auto line = log.lines()[0];
+  EXPECT_EQ(line.rfind("[error] Tests/QVMainQueueTest:", 0), 0u) << line;
+  EXPECT_NE(line.find(" Probe::logSomething Couldn't do it with result(-4300)"), std::string::npos) << line;
+
+  const auto previous = QVLogging::level();
+  QVLogging::setLevel(spdlog::level::err);
+  QV_LOG_INFO("not shown {}", 1);
+  QVLogging::setLevel(previous);
+  EXPECT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(QVLogging::operationName("std::optional<std::vector<int> > QVX::f(int, char)"), "QVX::f");
+}
