@@ -1,0 +1,72 @@
+#pragma once
+// The embedded HTTP server: listens on a port the system chooses, serves every accepted connection on a
+// thread of its own through a QVHTTPConnection made by the factory, and bounds what a peer may take.
+
+#include "Foundation/QVTypes.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+class QVHTTPConnection;
+class QVHTTPConnectionDriver;
+
+inline constexpr const char* QVHTTPServerErrorDomain = "QVHTTPServerErrorDomain";
+
+struct QVHTTPServerLimits {
+  // Each connection holds a thread; peers are the user's own few devices.
+  unsigned connectionLimit = 64;
+  unsigned perIPConnectionLimit = 32;
+  // Seconds without traffic before a connection is closed; the client gives up after 60 s as well.
+  unsigned connectionTimeoutSeconds = 60;
+  // Per connection: request headers, upload pieces and the chunks of streamed responses come from it.
+  size_t connectionMemoryLimit = 256 * 1024;
+};
+
+class QVHTTPServer {
+public:
+  using ConnectionFactory = std::function<std::shared_ptr<QVHTTPConnection>(QVHTTPServer& server)>;
+
+  QVHTTPServer();
+  virtual ~QVHTTPServer();
+  QVHTTPServer(const QVHTTPServer&) = delete;
+  QVHTTPServer& operator=(const QVHTTPServer&) = delete;
+
+  // How connections are made; the default serves nothing. Set before start().
+  void setConnectionFactory(ConnectionFactory factory);
+  const QVHTTPServerLimits& limits() const { return limits_; }
+  void setLimits(const QVHTTPServerLimits& limits) { limits_ = limits; }
+  // The IPv4 address to listen on ("127.0.0.1"); empty, the default, listens on every interface,
+  // IPv6 and IPv4.
+  void setInterface(std::string address) { interface_ = std::move(address); }
+
+  // Starts listening on a free port. False, with the error when there is one, if that fails.
+  bool start(QVError* error);
+  // Closes the listener and every open connection, transfers in progress included; each connection
+  // dies before this returns.
+  void stop();
+  bool isRunning() const { return port_ != 0; }
+  // The port chosen at start; 0 while stopped.
+  uint16_t port() const { return port_; }
+  size_t numberOfHTTPConnections() const;
+
+private:
+  friend class QVHTTPConnectionDriver;
+  struct Daemon;
+
+  std::shared_ptr<QVHTTPConnection> connectionDidStart(const void* handle);
+  std::shared_ptr<QVHTTPConnection> connectionDidClose(const void* handle);
+
+  QVHTTPServerLimits limits_;
+  std::string interface_;
+  std::unique_ptr<Daemon> daemon_;
+  std::atomic<uint16_t> port_ = 0;
+  mutable std::mutex mutex_; // guards the factory and the open connections
+  ConnectionFactory factory_;
+  std::map<const void*, std::shared_ptr<QVHTTPConnection>> connections_;
+};
