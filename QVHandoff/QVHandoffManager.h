@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 class QVHandoffDocumentInfo;
 
@@ -44,7 +45,8 @@ inline constexpr const char* QVHandoffManagerPDFPointKey = "QVHandoffManagerPDFP
 inline constexpr const char* QVHandoffManagerProgressKey = "QVHandoffManagerProgressKey";
 inline constexpr const char* QVHandoffManagerDeviceNameKey = "QVHandoffManagerDeviceNameKey";
 inline constexpr const char* QVHandoffManagerDeviceTypeKey = "QVHandoffManagerDeviceTypeKey";
-inline constexpr const char* QVHandoffManagerFileModificationDateKey = "QVHandoffManagerFileModificationDateKey";
+inline constexpr const char* QVHandoffManagerFileModificationDateKey =
+    "QVHandoffManagerFileModificationDateKey";
 inline constexpr const char* QVHandoffManagerDocumentInfoKey = "QVHandoffManagerDocumentInfoKey";
 
 // Extended attributes of a handed-off copy.
@@ -84,7 +86,8 @@ public:
   static void addDocumentInfo(const QVHandoffDocumentInfo& documentInfo, const std::string& toFileAtPath);
   static std::shared_ptr<QVHandoffDocumentInfo> documentInfoForFileAtPath(const std::string& path);
   static void removeDocumentInfoFromFileAtPath(const std::string& path);
-  static bool setString(const std::string& string, const std::string& xattrName, const std::string& forFileAtPath);
+  static bool setString(const std::string& string, const std::string& xattrName,
+                        const std::string& forFileAtPath);
   static std::optional<std::string> stringForXattrName(const std::string& xattrName,
                                                        const std::string& fromFileAtPath);
   static std::shared_ptr<QVHandoffDocumentInfo>
@@ -113,13 +116,30 @@ public:
   void setMoveFileBlock(QVHandoffMoveFileBlock block);
   QVHandoffFileAttributesBlock fileAttributesBlock() const;
   void setFileAttributesBlock(QVHandoffFileAttributesBlock block);
-  std::optional<QVFileAttributes> attributesOfHandoffDocumentAtPath(const std::string& path, QVError* error) const;
+  std::optional<QVFileAttributes> attributesOfHandoffDocumentAtPath(const std::string& path,
+                                                                    QVError* error) const;
   bool copyHandoffDocumentAtPath(const std::string& path, const std::string& toPath, QVError* error);
-  bool moveSavedBackDocumentAtPath(const std::string& path, const std::string& toOriginalPath, QVError* error);
+  bool moveSavedBackDocumentAtPath(const std::string& path, const std::string& toOriginalPath,
+                                   QVError* error);
 
   QVHandoffManager();
 
+  // Documents open locally. The host replaces the list whole on the main thread; connection threads
+  // read it as an immutable snapshot.
+  using DocumentInfoList = std::vector<std::shared_ptr<QVHandoffDocumentInfo>>;
+  std::shared_ptr<const DocumentInfoList> localDocumentsInfo() const;
+  void setLocalDocumentsInfo(std::shared_ptr<const DocumentInfoList> documentsInfo);
+  uint64_t currentLocalDocumentIndex() const { return currentLocalDocumentIndex_; }
+  void setCurrentLocalDocumentIndex(uint64_t index);
+  std::shared_ptr<QVHandoffDocumentInfo> localDocumentInfoForFilePath(const std::string& path) const;
+
+  void postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(const std::string& path);
+
 private:
+  mutable std::mutex localDocumentsMutex_;
+  std::shared_ptr<const DocumentInfoList> localDocumentsInfo_ = std::make_shared<const DocumentInfoList>();
+  std::atomic<uint64_t> currentLocalDocumentIndex_ = 0;
+
   // The blocks are read by connection threads while the host may replace them.
   mutable std::mutex blocksMutex_;
   QVHandoffCopyFileBlock copyFileBlock_;

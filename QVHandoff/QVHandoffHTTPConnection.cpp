@@ -1,0 +1,538 @@
+#include "QVHandoff/QVHandoffHTTPConnection.h"
+
+#include "Foundation/QVDateFormatting.h"
+#include "Foundation/QVFileHandle.h"
+#include "Foundation/QVFileOperations.h"
+#include "Foundation/QVLog.h"
+#include "Foundation/QVMIMEType.h"
+#include "Foundation/QVMainQueue.h"
+#include "Foundation/QVNotificationCenter.h"
+#include "Foundation/QVPaths.h"
+#include "Foundation/QVUUID.h"
+#include "Network/HTTPServer/QVHTTPDataResponse.h"
+#include "Network/HTTPServer/QVHTTPErrorResponse.h"
+#include "QVHandoff/QVHandoffAES256Cryptor.h"
+#include "QVHandoff/QVHandoffAES256FileResponse.h"
+#include "QVHandoff/QVHandoffDocumentInfo.h"
+#include "QVHandoff/QVHandoffHTTPServer.h"
+#include "QVHandoff/QVHandoffManager.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <string_view>
+#include <utility>
+
+QV_LOG_SOURCE("QVHandoff/QVHandoffHTTPConnection")
+
+namespace {
+
+constexpr std::string_view kTabsListPath = "/api/tabs_list";
+constexpr std::string_view kHandoffPath = "/api/handoff";
+constexpr std::string_view kMarkAsModifiedPath = "/api/mark_as_modified";
+constexpr std::string_view kForceRemoteSaveBackPath = "/api/force_remote_save_back";
+constexpr std::string_view kSaveBackPath = "/api/save_back";
+constexpr const char* kAES256ContentEncoding = "x-quorvel-aes256";
+constexpr const char* kJSONContentType = "application/json";
+constexpr const char* kUnknownMIMEType = "application/octet-stream";
+
+// A string value of a request object; anything else (absent, another type, not an object) is absent.
+std::optional<std::string> stringValue(const nlohmann::json& object, const char* key) {
+  if (!object.is_object()) return std::nullopt;
+  auto found = object.find(key);
+  if (found == object.end() || !found->is_string()) return std::nullopt;
+  return found->get<std::string>();
+}
+
+// A scalar passed on to the host as received; arrays, objects and null count as absent.
+std::optional<QVValue> scalarValue(const nlohmann::json& object, const char* key) {
+  if (!object.is_object()) return std::nullopt;
+  auto found = object.find(key);
+  if (found == object.end()) return std::nullopt;
+  const nlohmann::json& value = *found;
+  if (value.is_string()) return QVValue(value.get<std::string>());
+  if (value.is_boolean()) return QVValue(value.get<bool>());
+  if (value.is_number_unsigned() && value.get<uint64_t>() > uint64_t(INT64_MAX)) {
+    return QVValue(value.get<uint64_t>());
+  }
+  if (value.is_number_integer()) return QVValue(value.get<int64_t>());
+  if (value.is_number_float()) return QVValue(value.get<double>());
+  return std::nullopt;
+}
+
+// The type a file name suggests; empty when its extension tells nothing.
+std::string contentTypeForPath(const std::string& path) {
+  if (std::filesystem::path(path).extension().empty()) return {};
+  std::string type = QVMIMETypeForPath(path);
+  return type == kUnknownMIMEType ? std::string() : type;
+}
+
+uint64_t numberFromQueryValue(const std::string& text) {
+  return QVHandoffHTTPConnection::numberFormatter().numberFromString(text).value_or(0);
+}
+
+// "{12.5, 300}"; anything else is the origin.
+QVPoint pointFromQueryValue(std::string_view text) {
+  if (text.size() < 2 || text.front() != '{' || text.back() != '}') return {};
+  text = text.substr(1, text.size() - 2);
+  const size_t comma = text.find(',');
+  if (comma == std::string_view::npos) return {};
+  auto trimmed = [](std::string_view part) {
+    while (!part.empty() && part.front() == ' ')
+      part.remove_prefix(1);
+    while (!part.empty() && part.back() == ' ')
+      part.remove_suffix(1);
+    return part;
+  };
+  const auto x = QVParseDoubleNumber(trimmed(text.substr(0, comma)));
+  const auto y = QVParseDoubleNumber(trimmed(text.substr(comma + 1)));
+  if (!x || !y) return {};
+  return {*x, *y};
+}
+
+void postOnMainThread(const char* name, QVUserInfo userInfo) {
+  const auto manager = QVHandoffManager::defaultManager();
+  performOnMainThreadSynchronouslyIfPossible(
+      [&] { QVNotificationCenter::defaultCenter().post(name, manager.get(), std::move(userInfo)); });
+}
+
+} // namespace
+
+QVHandoffHTTPConnection::QVHandoffHTTPConnection(QVHandoffHTTPServer& server)
+    : QVHTTPConnection(server), handoffServer_(server) {}
+
+QVHandoffHTTPConnection::~QVHandoffHTTPConnection() {
+  saveBackFileHandle_.reset();
+  if (!tempFilePath_.empty()) QVRemoveItem(tempFilePath_);
+}
+
+// MARK: Codec
+
+std::optional<QVData> QVHandoffHTTPConnection::dataFromJSONObject(const nlohmann::json& object,
+                                                                  const QVData& encryptedWithAES256Key) {
+  return QVHandoffMessageCodec::dataFromJSONObject(object, encryptedWithAES256Key);
+}
+
+std::optional<nlohmann::json>
+QVHandoffHTTPConnection::JSONObjectFromData(const QVData& data, const QVData& encryptedWithAES256Key) {
+  return QVHandoffMessageCodec::JSONObjectFromData(data, encryptedWithAES256Key);
+}
+
+bool QVHandoffHTTPConnection::isSuccessResponseData(const QVData& data,
+                                                    const QVData& encryptedWithAES256Key) {
+  return QVHandoffMessageCodec::isSuccessResponseData(data, encryptedWithAES256Key);
+}
+
+std::optional<QVData>
+QVHandoffHTTPConnection::AES256EncryptedDataWithJSONObject(const nlohmann::json& object) const {
+  return dataFromJSONObject(object, handoffServer_.AES256Key());
+}
+
+std::optional<nlohmann::json>
+QVHandoffHTTPConnection::JSONObjectWithAES256EncryptedData(const QVData& data) const {
+  return JSONObjectFromData(data, handoffServer_.AES256Key());
+}
+
+// MARK: Common answers
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::serverInternalErrorResponse() {
+  return std::make_shared<QVHTTPErrorResponse>(500);
+}
+
+std::string QVHandoffHTTPConnection::tempFilePath() {
+  return (std::filesystem::path(QVTemporaryDirectory()) / QVUUIDString()).string();
+}
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::successResponse() const {
+  auto data = AES256EncryptedDataWithJSONObject(QVHandoffMessageCodec::successMessage());
+  if (!data) {
+    QV_LOG_ERROR("Couldn't encrypt success response data");
+    return std::make_shared<QVHTTPDataResponse>(QVData());
+  }
+  return std::make_shared<QVHTTPDataResponse>(std::move(*data));
+}
+
+void QVHandoffHTTPConnection::replaceTempFilePath(std::string path) {
+  if (!tempFilePath_.empty()) QVRemoveItem(tempFilePath_);
+  tempFilePath_ = std::move(path);
+}
+
+// MARK: Routing
+
+// Exact paths for the JSON endpoints, query string included, so they must come without one; save back
+// carries its parameters in the query string and is matched by prefix.
+QVHandoffHTTPConnection::Route QVHandoffHTTPConnection::routeForRequest(const std::string& method,
+                                                                        const std::string& uri) {
+  if (method != "POST") return Route::None;
+  if (uri == kTabsListPath) return Route::TabsList;
+  if (uri == kHandoffPath) return Route::Handoff;
+  if (uri == kMarkAsModifiedPath) return Route::MarkAsModified;
+  if (uri == kForceRemoteSaveBackPath) return Route::ForceRemoteSaveBack;
+  if (uri.starts_with(kSaveBackPath)) return Route::SaveBack;
+  return Route::None;
+}
+
+bool QVHandoffHTTPConnection::supportsMethod(const std::string& method, const std::string& path) {
+  if (routeForRequest(method, path) != Route::None) return true;
+  return QVHTTPConnection::supportsMethod(method, path);
+}
+
+bool QVHandoffHTTPConnection::expectsRequestBodyFromMethod(const std::string& method,
+                                                           const std::string& path) {
+  const Route route = routeForRequest(method, path);
+  if (route != Route::None && route != Route::TabsList) return true;
+  return QVHTTPConnection::expectsRequestBodyFromMethod(method, path);
+}
+
+void QVHandoffHTTPConnection::prepareForBodyWithSize(uint64_t contentLength) {
+  route_ = routeForRequest(requestMethod(), requestURI());
+  bodyLength_ = 0;
+  if (route_ == Route::SaveBack) {
+    prepareForSaveBack();
+    return;
+  }
+  requestBody_.clear();
+  if (contentLength != kUnknownContentLength && contentLength > kMaxRequestBodyLength) {
+    QV_LOG_ERROR("Request body of {} bytes for {} exceeds {} bytes", contentLength, requestURI(),
+                 kMaxRequestBodyLength);
+    disconnect();
+  }
+}
+
+void QVHandoffHTTPConnection::processBodyData(const uint8_t* bytes, size_t length) {
+  if (route_ == Route::SaveBack) {
+    processSaveBackData(bytes, length);
+    return;
+  }
+  // Bodies that are dropped count too: a peer may not keep a connection busy with one forever.
+  bodyLength_ += length;
+  if (bodyLength_ > kMaxRequestBodyLength) {
+    QV_LOG_ERROR("Request body for {} exceeds {} bytes", requestURI(), kMaxRequestBodyLength);
+    disconnect();
+    return;
+  }
+  if (route_ == Route::Handoff || route_ == Route::MarkAsModified || route_ == Route::ForceRemoteSaveBack) {
+    requestBody_.insert(requestBody_.end(), bytes, bytes + length);
+  }
+}
+
+void QVHandoffHTTPConnection::finishBody() {
+  if (route_ == Route::SaveBack) finishSaveBack();
+}
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::httpResponseForMethod(const std::string& method,
+                                                                               const std::string& uri) {
+  contentType_.clear(); // a kept-alive connection must not answer JSON with the last document's type
+  switch (routeForRequest(method, uri)) {
+  case Route::TabsList:
+    return tabsListResponse();
+  case Route::Handoff:
+    return handoffDocumentResponse();
+  case Route::MarkAsModified:
+    return markAsModifiedFileResponse();
+  case Route::ForceRemoteSaveBack:
+    return forceRemoteSaveBackFileResponse();
+  case Route::SaveBack:
+    return saveBackFileResponse();
+  case Route::None:
+    break;
+  }
+  return QVHTTPConnection::httpResponseForMethod(method, uri);
+}
+
+void QVHandoffHTTPConnection::preprocessResponse(QVHTTPHeaders& headers) {
+  headers["Content-Encoding"] = kAES256ContentEncoding;
+  headers["Content-Type"] = contentType_.empty() ? kJSONContentType : contentType_;
+  QVHTTPConnection::preprocessResponse(headers);
+}
+
+void QVHandoffHTTPConnection::die() {
+  if (!filePathForSaveBackFailNotification_.empty()) {
+    const std::string path = std::exchange(filePathForSaveBackFailNotification_, {});
+    QVHandoffManager::defaultManager()->postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(path);
+  }
+  QVHTTPConnection::die();
+}
+
+// MARK: Tabs list
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::tabsListResponse() {
+  nlohmann::json tabs = nlohmann::json::array();
+  const auto dateFormatter = QVHandoffHTTPConnection::dateFormatter();
+  const auto manager = QVHandoffManager::defaultManager();
+  const auto documentsInfo = manager->localDocumentsInfo();
+  for (const auto& documentInfo : *documentsInfo) {
+    const std::string& filePath = documentInfo->filePath();
+    if (filePath.empty()) {
+      QV_LOG_ERROR("File path is undefined");
+      return serverInternalErrorResponse();
+    }
+    nlohmann::json tab = {{"filePath", filePath}};
+    QVError error;
+    const auto attributes = QVAttributesOfItem(filePath, &error);
+    if (!attributes) {
+      QV_LOG_ERROR("Couldn't get file attributes due {}", error.description());
+      return serverInternalErrorResponse();
+    }
+    documentInfo->setFileSize(attributes->fileSize);
+    tab["fileSize"] = documentInfo->fileSize();
+    const auto modificationDate = QVHandoffManager::latestFileModificationDateForFileAtPath(filePath);
+    if (!modificationDate) {
+      QV_LOG_ERROR("Couldn't get file modification date");
+      return serverInternalErrorResponse();
+    }
+    documentInfo->setFileModificationDate(modificationDate);
+    tab["fileModificationDate"] = dateFormatter.stringFromDate(*documentInfo->fileModificationDate());
+    if (documentInfo->contentType().empty()) {
+      if (std::filesystem::path(filePath).extension().empty()) {
+        QV_LOG_ERROR("File extension is empty and no content type specified!");
+      } else {
+        documentInfo->setContentType(contentTypeForPath(filePath));
+      }
+    }
+    if (!documentInfo->contentType().empty()) tab["contentType"] = documentInfo->contentType();
+    // Page 0 means no position is known, and then none is sent.
+    if (documentInfo->pageNumber() != 0) {
+      tab["pageNumber"] = documentInfo->pageNumber();
+      tab["pdfPointX"] = documentInfo->pdfPoint().x;
+      tab["pdfPointY"] = documentInfo->pdfPoint().y;
+    }
+    if (!documentInfo->iCloudPath().empty()) tab["iCloudPath"] = documentInfo->iCloudPath();
+    if (!documentInfo->dropboxPath().empty()) tab["dropboxPath"] = documentInfo->dropboxPath();
+    const auto position = std::find(documentsInfo->begin(), documentsInfo->end(), documentInfo);
+    const auto index = static_cast<uint64_t>(position - documentsInfo->begin());
+    tab["active"] = index == manager->currentLocalDocumentIndex() ? 1 : 0;
+    tabs.push_back(std::move(tab));
+  }
+  auto data = AES256EncryptedDataWithJSONObject(tabs);
+  if (!data) {
+    QV_LOG_ERROR("Couldn't encrypt tabs list response data");
+    return serverInternalErrorResponse();
+  }
+  return std::make_shared<QVHTTPDataResponse>(std::move(*data));
+}
+
+// MARK: Handoff
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::handoffDocumentResponse() {
+  const auto object = JSONObjectWithAES256EncryptedData(requestBody_);
+  if (!object) {
+    QV_LOG_ERROR("Couldn't decrypt handoff document request body");
+    return serverInternalErrorResponse();
+  }
+  const auto filePath = stringValue(*object, "filePath");
+  if (!filePath) {
+    QV_LOG_ERROR("Handoff document file path not found in request");
+    return serverInternalErrorResponse();
+  }
+  // The host may go on saving the document while a private copy streams.
+  replaceTempFilePath(tempFilePath());
+  const auto manager = QVHandoffManager::defaultManager();
+  QVError error;
+  if (!manager->copyHandoffDocumentAtPath(*filePath, tempFilePath_, &error)) {
+    QV_LOG_ERROR("Couldn't copy file on handoff document operation. Error: {}", error.description());
+    return serverInternalErrorResponse();
+  }
+  const auto attributes = manager->attributesOfHandoffDocumentAtPath(*filePath, &error);
+  if (!attributes) {
+    QV_LOG_ERROR("Couldn't get file file attributes on handoff document operation. Error: {}",
+                 error.description());
+    return serverInternalErrorResponse();
+  }
+  contentType_ = contentTypeForPath(*filePath);
+  const auto response = QVHandoffAES256FileResponse::initWithFilePath(
+      tempFilePath_, QVHandoffManager::latestFileModificationDateForFileAtPath(*filePath),
+      attributes->fileSize, shared_from_this(), handoffServer_.AES256Key());
+  // Without one the server answers as for a missing resource.
+  return response;
+}
+
+// MARK: Save back
+
+void QVHandoffHTTPConnection::prepareForSaveBack() {
+  replaceTempFilePath(tempFilePath());
+  // Not checked: without the file the upload fails at the move.
+  saveBackFileHandle_ = QVFileHandle::forCreatingAtPath(tempFilePath_);
+  saveBackDecryptor_ = QVHandoffAES256Cryptor::decryptorWithKeyData(handoffServer_.AES256Key());
+
+  auto params = parseGetParams();
+  totalDecryptedData_ = 0;
+  saveBackFileSize_ = numberFromQueryValue(params["size"]);
+  const auto modificationDate = dateFormatter().dateFromString(params["modificationDate"]);
+  originalSaveBackFilePath_ = params["path"];
+  filePathForSaveBackFailNotification_ = originalSaveBackFilePath_;
+  saveBackFilePageNumber_ = numberFromQueryValue(params["pageNumber"]);
+  saveBackFilePDFPoint_ = pointFromQueryValue(params["pdfPoint"]);
+
+  const std::string& path = originalSaveBackFilePath_;
+  saveBackFilePath_ = path;
+  if (!QVFileExists(path)) {
+    const auto parent = std::filesystem::path(path).parent_path();
+    if (!parent.empty()) QVCreateDirectory(parent.string());
+    return;
+  }
+  // Changed here since the handoff: keep both versions, the upload lands beside the document.
+  const auto attributes = QVAttributesOfItem(path, nullptr);
+  const bool unchanged =
+      attributes && attributes->fileSize == saveBackFileSize_ &&
+      QVHandoffManager::date(modificationDate,
+                             QVHandoffManager::latestFileModificationDateForFileAtPath(path));
+  if (!unchanged) saveBackFilePath_ = QVGenerateMacStyleUniquePath(path, 0);
+}
+
+bool QVHandoffHTTPConnection::appendToSaveBackFile(const QVData& plaintext) {
+  if (!saveBackFileHandle_) return true; // the move reports the missing file
+  if (saveBackFileHandle_->write(plaintext)) return true;
+  // A short file must never replace the document.
+  QV_LOG_ERROR("Couldn't write decrypted data on save back operation");
+  disconnect();
+  return false;
+}
+
+void QVHandoffHTTPConnection::processSaveBackData(const uint8_t* bytes, size_t length) {
+  auto plaintext = saveBackDecryptor_ ? saveBackDecryptor_->updateWithData(bytes, length) : std::nullopt;
+  if (!plaintext) {
+    QV_LOG_ERROR("Couldn't continue descryption on save back operation");
+    disconnect();
+    return;
+  }
+  if (!appendToSaveBackFile(*plaintext)) return;
+  totalDecryptedData_ += plaintext->size();
+  // The denominator is the old document's size, so this may pass 1 or end below it.
+  if (saveBackFileSize_ != 0) {
+    postSaveBackNotificationWithProgress(static_cast<float>(totalDecryptedData_) /
+                                         static_cast<float>(saveBackFileSize_));
+  }
+}
+
+void QVHandoffHTTPConnection::finishSaveBack() {
+  auto plaintext = saveBackDecryptor_ ? saveBackDecryptor_->finish() : std::nullopt;
+  if (!plaintext) {
+    QV_LOG_ERROR("Couldn't finish decryption on save back operation");
+    disconnect();
+    return;
+  }
+  if (!appendToSaveBackFile(*plaintext)) return;
+  saveBackFileHandle_.reset();
+  postWillSaveBackRemoteDocumentNotification();
+  const auto manager = QVHandoffManager::defaultManager();
+  QVError error;
+  if (!manager->moveSavedBackDocumentAtPath(tempFilePath_, saveBackFilePath_, &error)) {
+    QV_LOG_ERROR("Couldn't move file on save back operation. Error: {}", error.description());
+    disconnect();
+    return;
+  }
+  if (auto documentInfo = manager->localDocumentInfoForFilePath(saveBackFilePath_)) {
+    documentInfo->setRemoteDeviceName({});
+    documentInfo->setRemoteFilePath({});
+  }
+  postSaveBackNotificationWithProgress(1.0f);
+  postDidSaveBackRemoteDocumentNotification();
+  filePathForSaveBackFailNotification_.clear();
+}
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::saveBackFileResponse() {
+  QVError error;
+  const auto attributes = QVAttributesOfItem(saveBackFilePath_, &error);
+  if (!attributes) {
+    QV_LOG_ERROR("Couldn't get file attributes due {}", error.description());
+    return serverInternalErrorResponse();
+  }
+  // The plain file system date, not the overridden one.
+  const nlohmann::json object = {
+      {"filePath", saveBackFilePath_},
+      {"fileSize", attributes->fileSize},
+      {"fileModificationDate", dateFormatter().stringFromDate(attributes->fileModificationDate)}};
+  auto data = AES256EncryptedDataWithJSONObject(object);
+  if (!data) {
+    QV_LOG_ERROR("Couldn't encrypt save back file response data");
+    return serverInternalErrorResponse();
+  }
+  return std::make_shared<QVHTTPDataResponse>(std::move(*data));
+}
+
+void QVHandoffHTTPConnection::postSaveBackNotificationWithProgress(float progress) {
+  if (saveBackFilePath_.empty()) return;
+  postOnMainThread(
+      QVHandoffManagerSaveBackFileProgressNotification,
+      {{QVHandoffManagerFilePathKey, saveBackFilePath_}, {QVHandoffManagerProgressKey, progress}});
+}
+
+void QVHandoffHTTPConnection::postWillSaveBackRemoteDocumentNotification() {
+  postSaveBackRemoteDocumentNotificationWithName(QVHandoffManagerWillSaveBackRemoteDocumentNotification);
+}
+
+void QVHandoffHTTPConnection::postDidSaveBackRemoteDocumentNotification() {
+  postSaveBackRemoteDocumentNotificationWithName(QVHandoffManagerDidSaveBackRemoteDocumentNotification);
+}
+
+void QVHandoffHTTPConnection::postSaveBackRemoteDocumentNotificationWithName(const char* name) {
+  if (saveBackFilePath_.empty() || originalSaveBackFilePath_.empty()) return;
+  postOnMainThread(name, {{QVHandoffManagerFilePathKey, saveBackFilePath_},
+                          {QVHandoffManagerOriginalFilePathKey, originalSaveBackFilePath_},
+                          {QVHandoffManagerPageNumberKey, saveBackFilePageNumber_},
+                          {QVHandoffManagerPDFPointKey, saveBackFilePDFPoint_}});
+}
+
+// MARK: Mark as modified and force remote save back
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::markAsModifiedFileResponse() {
+  const auto object = JSONObjectWithAES256EncryptedData(requestBody_);
+  if (!object) {
+    QV_LOG_ERROR("Couldn't decrypt mark as modified file request body");
+    return serverInternalErrorResponse();
+  }
+  const auto filePath = stringValue(*object, "filePath");
+  if (!filePath) {
+    QV_LOG_ERROR("Mark as modified file path not found in request");
+    return serverInternalErrorResponse();
+  }
+  const auto remoteFilePath = stringValue(*object, "remoteFilePath");
+  if (!remoteFilePath) {
+    QV_LOG_ERROR("Mark as modified remote file path not found in request");
+    return serverInternalErrorResponse();
+  }
+  const auto dateText = stringValue(*object, "remoteFileModificationDate");
+  if (!dateText) {
+    QV_LOG_ERROR("Mark as modified remote file modification date not found in request");
+    return serverInternalErrorResponse();
+  }
+  // A date that does not parse is not refused: the notice goes out without it.
+  const auto remoteFileModificationDate = dateFormatter().dateFromString(*dateText);
+  const auto remoteDeviceName = stringValue(*object, "remoteDeviceName");
+  if (!remoteDeviceName) {
+    QV_LOG_ERROR("Mark as modified remote device name not found in request");
+    return serverInternalErrorResponse();
+  }
+  const auto remoteDeviceType = scalarValue(*object, "remoteDeviceType");
+  if (!remoteDeviceType) {
+    QV_LOG_ERROR("Mark as modified remote device type not found in request");
+    return serverInternalErrorResponse();
+  }
+  if (auto documentInfo = QVHandoffManager::defaultManager()->localDocumentInfoForFilePath(*filePath)) {
+    documentInfo->setRemoteFilePath(*remoteFilePath);
+    documentInfo->setRemoteDeviceName(*remoteDeviceName);
+    QVUserInfo userInfo = {{QVHandoffManagerFilePathKey, *filePath},
+                           {QVHandoffManagerDeviceNameKey, *remoteDeviceName},
+                           {QVHandoffManagerDeviceTypeKey, *remoteDeviceType}};
+    if (remoteFileModificationDate)
+      userInfo[QVHandoffManagerFileModificationDateKey] = *remoteFileModificationDate;
+    postOnMainThread(QVHandoffManagerDidMarkLocalFileAsModifiedNotification, std::move(userInfo));
+  }
+  return successResponse();
+}
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::forceRemoteSaveBackFileResponse() {
+  const auto object = JSONObjectWithAES256EncryptedData(requestBody_);
+  if (!object) {
+    QV_LOG_ERROR("Couldn't decrypt force remote save back file request body");
+    return serverInternalErrorResponse();
+  }
+  const auto filePath = stringValue(*object, "filePath");
+  if (!filePath) {
+    QV_LOG_ERROR("Force remote save back file path not found in request");
+    return serverInternalErrorResponse();
+  }
+  postOnMainThread(QVHandoffManagerRequestsForceSaveBackRemoteFileNotification,
+                   {{QVHandoffManagerFilePathKey, *filePath}});
+  return successResponse();
+}
