@@ -365,6 +365,12 @@ void QVHandoffHTTPConnection::prepareForSaveBack() {
 
   const std::string& path = originalSaveBackFilePath_;
   saveBackFilePath_ = path;
+  // Without a destination (absent, or an invalid escape in it) the upload could only fail at the end.
+  if (path.empty()) {
+    QV_LOG_ERROR("Save back file path not found in request");
+    disconnect();
+    return;
+  }
   if (!QVFileExists(path)) {
     const auto parent = std::filesystem::path(path).parent_path();
     if (!parent.empty()) QVCreateDirectory(parent.string());

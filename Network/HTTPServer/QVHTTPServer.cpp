@@ -84,9 +84,9 @@ public:
     }
     case QVHTTPConnection::Stage::Body:
       if (*uploadDataSize > 0) {
-        if (connection->expectsBody_) {
-          connection->processBodyData(reinterpret_cast<const uint8_t*>(uploadData), *uploadDataSize);
-        }
+        // Nobody would read it, so nothing bounds it: drop the connection.
+        if (!connection->expectsBody_) return MHD_NO;
+        connection->processBodyData(reinterpret_cast<const uint8_t*>(uploadData), *uploadDataSize);
         *uploadDataSize = 0;
         return connection->disconnecting_ ? MHD_NO : MHD_YES;
       }

@@ -163,11 +163,11 @@ TEST_F(SaveBackTest, FailuresDropTheConnectionChangeNothingAndNotifyOnce) {
   expectFailure(QVTestHTTPRequest::post(uri, body), "Couldn't move file on save back operation. Error: ");
   EXPECT_EQ(notifications(QVHandoffManagerDidSaveBackRemoteDocumentNotification).size(), 0u);
 
-  manager_->setMoveFileBlock(QVHandoffManagerDefaultMoveFileBlock);
   // An invalid escape leaves the path out of the query: nowhere to put the upload, nobody to tell.
   const auto invalid =
       upload("/api/save_back?path=%ZZ" + percentEncoded(path) + "&size=4000", QVTestBytes(100));
   EXPECT_EQ(invalid.status, 0);
+  EXPECT_TRUE(log_.contains("Save back file path not found in request", "error"));
   EXPECT_EQ(notifications(QVHandoffManagerDidFailSaveBackRemoteDocumentNotification).size(), failures);
   EXPECT_TRUE(QVReadFile(path) == original);
   EXPECT_TRUE(leftNothingBehind());
