@@ -50,7 +50,9 @@ public:
   bool start_array(std::size_t) override { return true; }
   bool end_array() override { return true; }
   bool parse_error(std::size_t, const std::string&, const json::exception& error) override {
+    // The reader quotes what it last read; that is decrypted content and stays out of the log.
     message = error.what();
+    if (const auto quote = message.find("; last read:"); quote != std::string::npos) message.erase(quote);
     return false;
   }
 };

@@ -66,6 +66,7 @@ TEST_F(QVHandoffMessageCodecTest, MalformedMessagesAreRefusedWithTheirLine) {
     log_.clear();
     EXPECT_EQ(QVHandoffMessageCodec::JSONObjectFromData(bodyWithText(text), key_), std::nullopt) << text;
     EXPECT_TRUE(log_.contains("Couldn't deserialize JSON object due", "error")) << text;
+    EXPECT_FALSE(log_.contains("not json")) << "decrypted text must not reach the log";
   }
   EXPECT_EQ(QVHandoffMessageCodec::JSONObjectFromData(QVData{}, key_), std::nullopt);
   EXPECT_TRUE(log_.contains("Couldn't decrypt JSON data", "error"));
