@@ -1,16 +1,13 @@
 #include "Foundation/QVMIMEType.h"
 
+#include "Foundation/QVCFree.h"
+
 #include <gio/gio.h>
 
 #include <memory>
 
 namespace {
 
-template <auto Free> struct QVCFree {
-  template <class T> void operator()(T* p) const noexcept {
-    if (p) Free(p);
-  }
-};
 using QVGString = std::unique_ptr<gchar, QVCFree<&g_free>>;
 
 constexpr const char* kUnknownMIMEType = "application/octet-stream";

@@ -2,6 +2,8 @@
 
 #include "QVHandoff/QVHandoffAES256Cryptor.h"
 
+#include "Foundation/QVCFree.h"
+
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
@@ -12,11 +14,6 @@
 
 namespace {
 
-template <auto Free> struct QVCFree {
-  template <class T> void operator()(T* p) const noexcept {
-    if (p) Free(p);
-  }
-};
 using QVCipherContext = std::unique_ptr<EVP_CIPHER_CTX, QVCFree<&EVP_CIPHER_CTX_free>>;
 
 // Peers copy the key into a zeroed area of this size and key the cipher with its first 32 bytes, so short
