@@ -368,8 +368,10 @@ void QVHandoffDocumentMetaStorage::startObservingMetaFileChanges() {
                                       std::move(callbacks));
     if (!watcher_) return;
   }
-  // Settled once the watch is in place, so that a copy arriving in between is not missed.
+  // Settled once the watch is in place, so that a copy arriving in between is not missed; likewise another
+  // device's write that landed between our own read or write and the watch.
   resolveConflictsIfNeeded();
+  if (savedMetaModificationDate()) handleMetaDataFileChange();
 }
 
 void QVHandoffDocumentMetaStorage::stopObservingMetaFileChanges() {
