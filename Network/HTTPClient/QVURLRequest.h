@@ -21,7 +21,8 @@ public:
   static constexpr double defaultTimeoutInterval = 60.0;
 
   QVURLRequest() = default;
-  explicit QVURLRequest(std::string URL) : URL_(std::move(URL)) {}
+  explicit QVURLRequest(std::string URL, std::string method = "GET")
+      : URL_(std::move(URL)), HTTPMethod_(std::move(method)) {}
 
   const std::string& URL() const { return URL_; }
   void setURL(std::string URL) { URL_ = std::move(URL); }
