@@ -356,7 +356,8 @@ void QVHandoffDocumentMetaStorage::iCloudAccountStateDidChangeNotification() {
 }
 
 void QVHandoffDocumentMetaStorage::startObservingMetaFileChanges() {
-  if (!fileExists(metaFileURL_)) return;
+  // The watch is on the folder, so it also starts while the file is missing: a device whose sync client
+  // delivers the file late reads it when it arrives.
   {
     std::lock_guard lock(watcherMutex_);
     if (watcher_) return;

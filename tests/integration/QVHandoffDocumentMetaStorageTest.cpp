@@ -42,8 +42,6 @@ std::string base64(const QVData& bytes) {
 // What another device's program would write.
 std::string metaXML(const std::string& serviceType, const QVData& key) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
          "<plist version=\"1.0\">\n<dict>\n\t<key>serviceType</key>\n\t<string>" +
          serviceType + "</string>\n\t<key>aes256Key</key>\n\t<data>" + base64(key) +
          "</data>\n</dict>\n</plist>\n";
@@ -137,6 +135,19 @@ TEST_F(QVHandoffDocumentMetaStorageTest, MasterCreatesTheFileAndAnotherDeviceFol
   QVMainQueue::main().drain();
   EXPECT_EQ(masterDelegate->serviceTypes.size(), 2u);
   EXPECT_EQ(folder_.entries(), std::vector<std::string>{QVHandoffMetaFileName}) << "no temporary file left";
+}
+
+TEST_F(QVHandoffDocumentMetaStorageTest, ANonMasterWaitsForAFileThatArrivesLater) {
+  auto delegate = makeDelegate();
+  auto storage = startStorage(false, delegate);
+  EXPECT_TRUE(log_.contains("Meta data file not found", "info"));
+  EXPECT_FALSE(fs::exists(metaFile())) << "only a master creates the file";
+
+  // The sync client delivers another device's file after start-up.
+  replaceMetaFile(bytesOf(metaXML("LATE-TYPE", kForeignKey)));
+  ASSERT_TRUE(QVRunMainQueueUntil([&] { return delegate->serviceTypes.size() == 1; }));
+  EXPECT_EQ(storage->serviceType(), "LATE-TYPE");
+  EXPECT_EQ(storage->AES256Key(), kForeignKey);
 }
 
 TEST_F(QVHandoffDocumentMetaStorageTest, ForeignFilesAreReadAndAnInvalidOneIsReplacedOnlyByTheMaster) {
