@@ -79,12 +79,18 @@ public:
   void setFinalFilePath(std::string value) { finalFilePath_ = std::move(value); }
   const std::string& tempFilePath() const { return tempFilePath_; }
   void setTempFilePath(std::string value) { tempFilePath_ = std::move(value); }
-  const std::shared_ptr<QVURLSessionDataTask>& fileTransferHTTPOperation() const { return fileTransferHTTPOperation_; }
+  const std::shared_ptr<QVURLSessionDataTask>& fileTransferHTTPOperation() const {
+    return fileTransferHTTPOperation_;
+  }
   void setFileTransferHTTPOperation(std::shared_ptr<QVURLSessionDataTask> value) {
     fileTransferHTTPOperation_ = std::move(value);
   }
-  void setFileTransferCompletionHandler(CompletionHandler value) { fileTransferCompletionHandler_ = std::move(value); }
-  void setFileTransferProgressHandler(ProgressHandler value) { fileTransferProgressHandler_ = std::move(value); }
+  void setFileTransferCompletionHandler(CompletionHandler value) {
+    fileTransferCompletionHandler_ = std::move(value);
+  }
+  void setFileTransferProgressHandler(ProgressHandler value) {
+    fileTransferProgressHandler_ = std::move(value);
+  }
   void setFileTransferErrorHandler(ErrorHandler value) { fileTransferErrorHandler_ = std::move(value); }
   void setFileTransferInvalidationHandler(InvalidationHandler value) {
     fileTransferInvalidationHandler_ = std::move(value);
@@ -92,7 +98,9 @@ public:
   const CompletionHandler& fileTransferCompletionHandler() const { return fileTransferCompletionHandler_; }
   const ProgressHandler& fileTransferProgressHandler() const { return fileTransferProgressHandler_; }
   const ErrorHandler& fileTransferErrorHandler() const { return fileTransferErrorHandler_; }
-  const InvalidationHandler& fileTransferInvalidationHandler() const { return fileTransferInvalidationHandler_; }
+  const InvalidationHandler& fileTransferInvalidationHandler() const {
+    return fileTransferInvalidationHandler_;
+  }
 
   // Each decrypted chunk of the download, on the network thread.
   void handleFileTransferData(const uint8_t* bytes, size_t length);

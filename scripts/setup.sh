@@ -33,10 +33,20 @@ sudo_cmd=()
 [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
 export DEBIAN_FRONTEND=noninteractive
 echo "setup: installing ${missing[*]}"
+# The packages must not start their daemons (the system mDNS daemon would announce this machine on its
+# real interfaces): a policy that refuses every service start while apt runs.
+policy=/usr/sbin/policy-rc.d
+own_policy=0
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' | "${sudo_cmd[@]}" tee "$policy" >/dev/null
+  "${sudo_cmd[@]}" chmod +x "$policy"
+  own_policy=1
+fi
+cleanup() { [ "$own_policy" -eq 1 ] && "${sudo_cmd[@]}" rm -f "$policy"; return 0; }
+trap cleanup EXIT
 "${sudo_cmd[@]}" apt-get update -qq
 "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-# A package install may start the system's own mDNS daemon; this machine's real interfaces are not ours.
 if command -v systemctl >/dev/null 2>&1 && systemctl is-active --quiet avahi-daemon 2>/dev/null; then
-  "${sudo_cmd[@]}" systemctl stop avahi-daemon.socket avahi-daemon.service 2>/dev/null || true
+  "${sudo_cmd[@]}" systemctl disable --now avahi-daemon.socket avahi-daemon.service 2>/dev/null || true
 fi
 echo "setup: done"

@@ -1,0 +1,193 @@
+#include "Foundation/QVFileOperations.h"
+
+#include "Foundation/QVUUID.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class QVDescriptor {
+public:
+  explicit QVDescriptor(int fd) : fd_(fd) {}
+  QVDescriptor(const QVDescriptor&) = delete;
+  QVDescriptor& operator=(const QVDescriptor&) = delete;
+  ~QVDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  int get() const { return fd_; }
+  // Closes now so that a late write error (NFS reports them here) is seen; 0 or the errno.
+  int close() {
+    const int result = ::close(fd_);
+    fd_ = -1;
+    return result == 0 ? 0 : errno;
+  }
+
+private:
+  int fd_;
+};
+
+constexpr size_t kKernelCopyChunk = size_t{1} << 30;
+constexpr size_t kCopyBufferSize = size_t{1} << 20;
+
+bool fail(QVError* error, int code) {
+  if (error) *error = QVErrorFromErrno(code);
+  return false;
+}
+
+bool somethingExists(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0;
+}
+
+// 0 or the errno.
+int copyContents(int in, int out) {
+  // In the kernel first (reflinks, server-side copies); file systems that refuse it get a plain loop, which
+  // picks up at the offsets copy_file_range has advanced.
+  for (;;) {
+    const ssize_t copied = copy_file_range(in, nullptr, out, nullptr, kKernelCopyChunk, 0);
+    if (copied > 0) continue;
+    if (copied == 0) return 0;
+    if (errno == EINTR) continue;
+    if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) {
+      return errno;
+    }
+    break;
+  }
+  std::vector<uint8_t> buffer(kCopyBufferSize);
+  for (;;) {
+    const ssize_t count = ::read(in, buffer.data(), buffer.size());
+    if (count == 0) return 0;
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    for (ssize_t done = 0; done < count;) {
+      const ssize_t written = ::write(out, buffer.data() + done, static_cast<size_t>(count - done));
+      if (written < 0) {
+        if (errno == EINTR) continue;
+        return errno;
+      }
+      done += written;
+    }
+  }
+}
+
+// 0 or the errno; never leaves a partial destination behind.
+int copyFile(const std::string& source, const std::string& destination) {
+  QVDescriptor in(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+  if (in.get() < 0) return errno;
+  struct stat info;
+  if (fstat(in.get(), &info) != 0) return errno;
+  QVDescriptor out(
+      ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, info.st_mode & 07777));
+  if (out.get() < 0) return errno;
+  int code = copyContents(in.get(), out.get());
+  if (code == 0) {
+    // The copy keeps the document's date, as its origin reports it; a file system without times is no reason
+    // to fail.
+    const timespec times[2] = {info.st_atim, info.st_mtim};
+    (void)futimens(out.get(), times);
+    code = out.close();
+  }
+  if (code != 0) ::unlink(destination.c_str());
+  return code;
+}
+
+// 0 or the errno.
+int copyItem(const std::string& source, const std::string& destination) {
+  if (somethingExists(destination)) return EEXIST;
+  struct stat info;
+  if (stat(source.c_str(), &info) != 0) return errno;
+  if (!S_ISDIR(info.st_mode)) return copyFile(source, destination);
+  std::error_code error;
+  fs::copy(source, destination, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
+  if (!error) return 0;
+  std::error_code ignored;
+  fs::remove_all(destination, ignored);
+  return error.value();
+}
+
+// rename(2), also over a destination of the other kind or a non-empty directory; 0 or the errno.
+int renameReplacing(const std::string& source, const std::string& destination) {
+  if (::rename(source.c_str(), destination.c_str()) == 0) return 0;
+  const int code = errno;
+  const bool inTheWay = code == EISDIR || code == ENOTDIR || code == ENOTEMPTY || code == EEXIST;
+  if (!inTheWay || !somethingExists(source)) return code;
+  std::error_code ignored;
+  fs::remove_all(destination, ignored);
+  return ::rename(source.c_str(), destination.c_str()) == 0 ? 0 : errno;
+}
+
+} // namespace
+
+bool QVCopyItem(const std::string& source, const std::string& destination, QVError* error) {
+  const int code = copyItem(source, destination);
+  return code == 0 || fail(error, code);
+}
+
+bool QVMoveItemReplacing(const std::string& source, const std::string& destination, QVError* error) {
+  const int code = renameReplacing(source, destination);
+  if (code == 0) return true;
+  if (code != EXDEV) return fail(error, code);
+
+  // Across file systems the copy goes to a hidden name beside the destination first, so that the destination
+  // is only ever the old item or the whole new one.
+  const fs::path destinationPath(destination);
+  const std::string temporary = (destinationPath.parent_path() / (".qvmove-" + QVUUIDString())).string();
+  if (const int copyCode = copyItem(source, temporary); copyCode != 0) return fail(error, copyCode);
+  if (const int renameCode = renameReplacing(temporary, destination); renameCode != 0) {
+    std::error_code ignored;
+    fs::remove_all(temporary, ignored);
+    return fail(error, renameCode);
+  }
+  // The destination is complete; a source that cannot be removed is left as a stray copy.
+  QVRemoveItem(source);
+  return true;
+}
+
+std::optional<QVFileAttributes> QVAttributesOfItem(const std::string& path, QVError* error) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) {
+    fail(error, errno);
+    return std::nullopt;
+  }
+  QVFileAttributes attributes;
+  attributes.fileSize = static_cast<uint64_t>(info.st_size);
+  const auto sinceEpoch =
+      std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec);
+  attributes.fileModificationDate = QVDate(std::chrono::duration_cast<QVDate::duration>(sinceEpoch));
+  attributes.isDirectory = S_ISDIR(info.st_mode);
+  return attributes;
+}
+
+bool QVFileExists(const std::string& path, bool* isDirectory) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) return false;
+  if (isDirectory) *isDirectory = S_ISDIR(info.st_mode);
+  return true;
+}
+
+bool QVCreateDirectory(const std::string& path) {
+  std::error_code error;
+  fs::create_directories(path, error);
+  return fs::is_directory(path, error);
+}
+
+bool QVRemoveItem(const std::string& path) {
+  if (!somethingExists(path)) return false;
+  std::error_code error;
+  fs::remove_all(path, error);
+  return !error;
+}
+
+QVError QVErrorFromErrno(int code) {
+  return QVError{QVPOSIXErrorDomain, code, {}};
+}

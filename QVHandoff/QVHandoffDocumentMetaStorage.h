@@ -1,0 +1,76 @@
+#pragma once
+// Keeps the meta data in the meta file at the top of the synced container folder: reads it, creates it
+// when missing (master only), follows the changes other devices make to it and settles the conflict copies
+// that sync clients leave beside it.
+
+#include "Foundation/QVNotificationCenter.h"
+#include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffMetaStorage.h"
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+class QVFolderWatcher;
+
+class QVHandoffDocumentMetaStorage : public QVHandoffMetaStorage {
+  struct Passkey {};
+
+public:
+  // A storage for the meta file in `containerPath`. It starts as soon as the container folder exists
+  // and has been tested, on the main queue.
+  static std::shared_ptr<QVHandoffDocumentMetaStorage>
+  storageWithContainerURL(const std::string& containerPath);
+
+  QVHandoffDocumentMetaStorage(Passkey, std::string metaFileURL);
+  ~QVHandoffDocumentMetaStorage() override;
+
+  // A master storage starts at once when the container has been tested.
+  void setMaster(bool master) override;
+
+  const std::string& metaFileURL() const { return metaFileURL_; }
+  std::optional<QVDate> savedMetaModificationDate() const;
+
+  bool readMetaData();
+  bool writeMetaData();
+  std::optional<QVDate> metaModificationDate() const;
+  // Reads the file again unless its date is the one this storage last read or wrote.
+  void handleMetaDataFileChange();
+  // Reads the file; a master storage that cannot makes and writes new meta data.
+  void ensureMetaDataFilePresented();
+  // The library path of the cloud platform; a synced folder never takes it.
+  bool iCloudStorage() const { return false; }
+
+  void handleiCloudConfigured();
+  void handleiCloudTested();
+  void iCloudAccountStateDidChangeNotification();
+
+  // Follows the meta file's folder while the file exists; events arrive on the watcher's thread.
+  void startObservingMetaFileChanges();
+  void stopObservingMetaFileChanges();
+  // The newest of the meta file and its conflict copies becomes the meta file; the other copies go.
+  void resolveConflictsIfNeeded();
+
+  // File presenter.
+  const std::string& presentedItemURL() const { return metaFileURL_; }
+  void presentedItemDidChange();
+  void presentedItemDidGainVersion();
+
+private:
+  void startUp();
+  std::weak_ptr<QVHandoffDocumentMetaStorage> weakSelf();
+  void metaFolderFileDidChange(const std::string& name);
+
+  const std::string metaFileURL_;
+  // Serialises the file work of the main thread and the watcher's thread, so that a change is read once.
+  // Recursive: a conflict resolution or a change handler goes on into a read.
+  mutable std::recursive_mutex fileMutex_;
+  std::optional<QVDate> savedMetaModificationDate_;
+
+  std::mutex observationMutex_;
+  QVNotificationObservation accountStateObservation_;
+  QVNotificationObservation testedObservation_;
+  std::mutex watcherMutex_;
+  std::unique_ptr<QVFolderWatcher> watcher_;
+};

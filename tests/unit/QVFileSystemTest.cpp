@@ -1,0 +1,123 @@
+#include "Foundation/QVExtendedAttributes.h"
+#include "Foundation/QVFileHandle.h"
+#include "Foundation/QVFileOperations.h"
+#include "Foundation/QVMIMEType.h"
+#include "Foundation/QVPaths.h"
+#include "Foundation/QVUUID.h"
+#include "support/QVTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include <cerrno>
+
+namespace fs = std::filesystem;
+
+class QVFileSystemTest : public ::testing::Test {
+protected:
+  QVTemporaryFolder folder_;
+};
+
+TEST_F(QVFileSystemTest, UniquePathsNeverNameSomethingThatExists) {
+  const std::string report = folder_.file("Report.pdf");
+  EXPECT_EQ(QVGenerateMacStyleUniquePath(report), report);
+  QVWriteFile(report, {});
+  EXPECT_EQ(QVGenerateMacStyleUniquePath(report), folder_.file("Report 2.pdf"));
+  QVWriteFile(folder_.file("Report 2.pdf"), {});
+  fs::create_symlink(folder_.file("nowhere"), folder_.file("Report 3.pdf")); // dangling, still taken
+  EXPECT_EQ(QVGenerateMacStyleUniquePath(report), folder_.file("Report 4.pdf"));
+  EXPECT_EQ(QVGenerateMacStyleUniquePath(report, 7), folder_.file("Report 7.pdf"));
+  fs::create_directory(folder_.file("Folder.d"));
+  EXPECT_EQ(QVGenerateMacStyleUniquePath(folder_.file("Folder.d") + "/"), folder_.file("Folder.d 2"));
+  QVWriteFile(folder_.file("README"), {});
+  EXPECT_EQ(QVGenerateMacStyleUniquePath(folder_.file("README")), folder_.file("README 2"));
+
+  const std::string uuid = QVUUIDString();
+  // Upper-case version 4: xxxxxxxx-xxxx-4xxx-[89AB]xxx-xxxxxxxxxxxx.
+  ASSERT_EQ(uuid.size(), 36u);
+  for (size_t i = 0; i < uuid.size(); ++i) {
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    EXPECT_TRUE(dash ? uuid[i] == '-' : std::isxdigit(uuid[i]) && !std::islower(uuid[i])) << uuid;
+  }
+  EXPECT_EQ(uuid[14], '4') << uuid;
+  EXPECT_NE(std::string("89AB").find(uuid[19]), std::string::npos) << uuid;
+  EXPECT_NE(uuid, QVUUIDString());
+  EXPECT_EQ(QVMIMETypeForPath("/a/Report.PDF"), "application/pdf");
+  EXPECT_EQ(QVMIMETypeForPath("notes.qvunknownext"), "application/octet-stream");
+}
+
+TEST_F(QVFileSystemTest, ExtendedAttributesRoundTripInTheUserNamespace) {
+  const std::string file = folder_.file("tagged");
+  QVWriteFile(file, {});
+  const QVData value = {'a', 0, 0xFF, 'z'};
+  ASSERT_TRUE(QVSetExtendedAttribute(file, "com.example.name", value))
+      << "user xattrs unsupported here: " << errno;
+  EXPECT_EQ(QVGetExtendedAttribute(file, "com.example.name"), value);
+  EXPECT_EQ(getxattr(file.c_str(), "user.com.example.name", nullptr, 0), 4);
+  EXPECT_TRUE(QVSetExtendedAttribute(file, "empty", {}));
+  EXPECT_EQ(QVGetExtendedAttribute(file, "empty"), QVData{}) << "present but empty is not absent";
+  EXPECT_TRUE(QVRemoveExtendedAttribute(file, "com.example.name"));
+  EXPECT_FALSE(QVRemoveExtendedAttribute(file, "com.example.name"));
+  EXPECT_FALSE(QVGetExtendedAttribute(file, "com.example.name"));
+  EXPECT_FALSE(QVSetExtendedAttribute(file, "huge", QVData(70000, 'x')));
+  EXPECT_FALSE(QVGetExtendedAttribute(folder_.file("no-file"), "empty"));
+}
+
+TEST_F(QVFileSystemTest, CopyAndReplacingMoveLeaveNoHalfFiles) {
+  const std::string source = folder_.file("source.bin"), destination = folder_.file("destination.bin");
+  const QVData bytes = QVTestBytes(3 << 20);
+  auto handle = QVFileHandle::forCreatingAtPath(source);
+  ASSERT_TRUE(handle && handle->write(bytes));
+  handle->close();
+  EXPECT_EQ(QVFileHandle::forReadingAtPath(source)->read(bytes.size() + 10), bytes);
+  const auto past = fs::file_time_type::clock::now() - std::chrono::hours(30);
+  fs::last_write_time(source, past);
+
+  QVError error;
+  ASSERT_TRUE(QVCopyItem(source, destination, &error)) << error.description();
+  EXPECT_EQ(QVReadFile(destination), bytes);
+  EXPECT_EQ(fs::last_write_time(destination), past) << "a copy keeps the document's date";
+  EXPECT_FALSE(QVCopyItem(source, destination, &error));
+  EXPECT_EQ(error, QVErrorFromErrno(EEXIST));
+  ASSERT_TRUE(QVCreateDirectory(folder_.file("tree/a")));
+  QVWriteFile(folder_.file("tree/a/b"), {1, 2});
+  ASSERT_TRUE(QVCopyItem(folder_.file("tree"), folder_.file("tree copy"), &error));
+  EXPECT_EQ(QVReadFile(folder_.file("tree copy/a/b")), (QVData{1, 2}));
+
+  QVWriteFile(destination, {9});
+  EXPECT_FALSE(QVMoveItemReplacing(folder_.file("absent"), destination, &error));
+  EXPECT_EQ(error.code, ENOENT);
+  EXPECT_EQ(QVReadFile(destination), QVData{9}) << "a failed move leaves the destination as it was";
+  ASSERT_TRUE(QVMoveItemReplacing(source, destination, &error));
+  EXPECT_EQ(QVReadFile(destination), bytes);
+  ASSERT_TRUE(QVMoveItemReplacing(destination, folder_.file("tree"), &error))
+      << "a file replaces a directory";
+  const auto attributes = QVAttributesOfItem(folder_.file("tree"), &error);
+  ASSERT_TRUE(attributes);
+  EXPECT_EQ(attributes->fileSize, bytes.size());
+  EXPECT_FALSE(attributes->isDirectory);
+  EXPECT_FALSE(QVAttributesOfItem(folder_.file("absent"), &error));
+  EXPECT_TRUE(QVRemoveItem(folder_.file("tree copy")));
+  EXPECT_FALSE(QVRemoveItem(folder_.file("tree copy")));
+  EXPECT_FALSE(QVCreateDirectory(folder_.file("tree/below-a-file")));
+  EXPECT_EQ(folder_.entries(), (std::vector<std::string>{"tree"}));
+}
+
+TEST_F(QVFileSystemTest, MoveAcrossFileSystemsGoesThroughAHiddenCopy) {
+  struct stat here, shm;
+  if (stat("/dev/shm", &shm) != 0 || stat(folder_.path().c_str(), &here) != 0 || shm.st_dev == here.st_dev) {
+    GTEST_SKIP() << "no second file system at /dev/shm";
+  }
+  const std::string source = "/dev/shm/qvhandoff-move-" + QVUUIDString();
+  QVWriteFile(source, QVTestBytes(100000, 3));
+  QVWriteFile(folder_.file("original.pdf"), {1});
+  QVError error;
+  ASSERT_TRUE(QVMoveItemReplacing(source, folder_.file("original.pdf"), &error)) << error.description();
+  EXPECT_EQ(QVReadFile(folder_.file("original.pdf")), QVTestBytes(100000, 3));
+  EXPECT_FALSE(QVFileExists(source));
+  EXPECT_EQ(folder_.entries(), (std::vector<std::string>{"original.pdf"}));
+}
