@@ -2,6 +2,7 @@
 // the document, streams it encrypted, and a libcurl client decrypts each piece as it arrives and drops
 // it. Bytes per second are of the document; the copy made before streaming is part of the cost.
 
+#include "Foundation/QVCFree.h"
 #include "Foundation/QVFileOperations.h"
 #include "QVHandoff/QVHandoffAES256Cryptor.h"
 #include "QVHandoff/QVHandoffHTTPServer.h"
@@ -75,7 +76,7 @@ void serveAndDecrypt(benchmark::State& state) {
   const std::string url = fmt::format("http://127.0.0.1:{}/api/handoff", setup.server.port());
   for (auto _ : state) {
     Download download{QVHandoffAES256Cryptor::decryptorWithKeyData(setup.key)};
-    std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), &curl_easy_cleanup);
+    std::unique_ptr<CURL, QVCFree<&curl_easy_cleanup>> curl(curl_easy_init());
     curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl.get(), CURLOPT_NOPROXY, "*");
     curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body.data());

@@ -17,14 +17,10 @@ constexpr size_t kReadAlignment = 4096;
 constexpr size_t kMaxReadLength = 1024 * 1024;
 } // namespace
 
-void QVHTTPAsyncFileResponse::FileClose::operator()(std::FILE* file) const noexcept {
-  if (file) std::fclose(file);
-}
-
 QVHTTPAsyncFileResponse::QVHTTPAsyncFileResponse(const std::string& filePath,
                                                  const std::shared_ptr<QVHTTPConnection>& connection)
     : connection_(connection) {
-  std::unique_ptr<std::FILE, FileClose> file(std::fopen(filePath.c_str(), "rbe"));
+  std::unique_ptr<std::FILE, QVCFree<&fclose>> file(std::fopen(filePath.c_str(), "rbe"));
   struct stat status {};
   if (!file || fstat(fileno(file.get()), &status) != 0 || !S_ISREG(status.st_mode)) {
     QV_LOG_DEBUG("Couldn't open {} for reading ({})", filePath, std::strerror(errno));

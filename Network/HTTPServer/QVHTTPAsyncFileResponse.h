@@ -4,6 +4,7 @@
 // Reading happens on the connection's own thread, which the server dedicates to that connection, so
 // a slow disk delays only this transfer. Ranges are not supported: the file is always sent whole.
 
+#include "Foundation/QVCFree.h"
 #include "Foundation/QVTypes.h"
 #include "Network/HTTPServer/QVHTTPResponse.h"
 
@@ -39,12 +40,9 @@ protected:
   std::weak_ptr<QVHTTPConnection> connection_;
 
 private:
-  struct FileClose {
-    void operator()(std::FILE* file) const noexcept;
-  };
   bool readNextChunk(size_t capacity);
 
-  std::unique_ptr<std::FILE, FileClose> file_;
+  std::unique_ptr<std::FILE, QVCFree<&fclose>> file_;
   size_t dataReadyOffset_ = 0;
   bool aborted_ = false;
 };

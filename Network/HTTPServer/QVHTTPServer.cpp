@@ -1,5 +1,6 @@
 #include "Network/HTTPServer/QVHTTPServer.h"
 
+#include "Foundation/QVCFree.h"
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
 #include "Network/HTTPServer/QVHTTPConnection.h"
@@ -21,11 +22,6 @@ QV_LOG_SOURCE("Network/QVHTTPServer")
 
 namespace {
 
-template <auto Free> struct QVCFree {
-  template <class T> void operator()(T* p) const noexcept {
-    if (p) Free(p);
-  }
-};
 using QVMHDDaemon = std::unique_ptr<MHD_Daemon, QVCFree<&MHD_stop_daemon>>;
 using QVMHDResponse = std::unique_ptr<MHD_Response, QVCFree<&MHD_destroy_response>>;
 

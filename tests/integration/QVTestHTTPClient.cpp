@@ -1,5 +1,6 @@
 #include "QVTestHTTPClient.h"
 
+#include "Foundation/QVCFree.h"
 #include "support/QVTestSupport.h"
 
 #include <curl/curl.h>
@@ -52,7 +53,7 @@ size_t writeHeader(char* data, size_t size, size_t count, void* context) {
 
 QVTestHTTPResponse QVTestHTTPPerformHere(uint16_t port, const QVTestHTTPRequest& request) {
   Transfer transfer{request, 0, {}};
-  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(), &curl_easy_cleanup);
+  std::unique_ptr<CURL, QVCFree<&curl_easy_cleanup>> handle(curl_easy_init());
   CURL* curl = handle.get();
   const std::string url = fmt::format("http://127.0.0.1:{}{}", port, request.path);
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
@@ -74,10 +75,10 @@ QVTestHTTPResponse QVTestHTTPPerformHere(uint16_t port, const QVTestHTTPRequest&
       curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, curl_off_t(request.body.size()));
     if (request.chunkSize > 0) headers = curl_slist_append(headers, "Transfer-Encoding: chunked");
   }
+  const std::unique_ptr<curl_slist, QVCFree<&curl_slist_free_all>> headerList(headers);
   curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
   transfer.response.curlCode = curl_easy_perform(curl);
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &transfer.response.status);
-  curl_slist_free_all(headers);
   return transfer.response;
 }
 
