@@ -55,7 +55,6 @@ TEST_F(SaveBackTest, ReplacesTheUnchangedDocumentAndReportsIt) {
                               body)
           .chunked(1000));
   ASSERT_EQ(response.status, 200);
-  EXPECT_EQ(response.header("content-encoding"), "x-quorvel-aes256");
   EXPECT_TRUE(QVReadFile(path) == edited);
   const auto attributes = QVAttributesOfItem(path, nullptr).value();
   EXPECT_EQ(
@@ -114,11 +113,11 @@ TEST_F(SaveBackTest, ADocumentChangedHereKeepsBothVersions) {
 
   // A path that is gone, folders and all, is made again; size 0 gives only the final progress.
   const std::string gone = (docs_ / "new" / "deeper" / "Gone.pdf").string();
-  notifications_.clear();
+  const size_t progressBefore = notifications(QVHandoffManagerSaveBackFileProgressNotification).size();
   response = upload("/api/save_back" + query(gone, 0, std::nullopt), edited);
   EXPECT_EQ(savedPath(response), gone);
   EXPECT_TRUE(QVReadFile(gone) == edited);
-  EXPECT_EQ(notifications(QVHandoffManagerSaveBackFileProgressNotification).size(), 1u);
+  EXPECT_EQ(notifications(QVHandoffManagerSaveBackFileProgressNotification).size(), progressBefore + 1);
   EXPECT_TRUE(leftNothingBehind());
 }
 
@@ -129,27 +128,20 @@ TEST_F(SaveBackTest, FailuresDropTheConnectionChangeNothingAndNotifyOnce) {
   const QVData body = QVHandoffAES256Data::encryptWithKeyData(QVTestBytes(512 * 1024, 2), key_).value();
   size_t failures = 0;
   auto expectFailure = [&](const QVTestHTTPRequest& request, const std::string& logLine) {
-    const auto response = QVTestHTTPPerform(server_.port(), request);
-    EXPECT_EQ(response.status, 0) << logLine;
+    EXPECT_FALSE(QVTestHTTPPerform(server_.port(), request).completed()) << logLine;
+    // A client that aborts may be gone before the server has even accepted it: wait for the notice.
+    ++failures;
+    auto failed = [&] { return notifications(QVHandoffManagerDidFailSaveBackRemoteDocumentNotification); };
+    EXPECT_TRUE(QVRunMainQueueUntil([&] { return failed().size() >= failures; })) << logLine;
     EXPECT_TRUE(leftNothingBehind()) << logLine;
-    EXPECT_TRUE(log_.contains(logLine, "error")) << logLine;
-    const auto failed = notifications(QVHandoffManagerDidFailSaveBackRemoteDocumentNotification);
-    ASSERT_EQ(failed.size(), ++failures) << logLine;
-    EXPECT_EQ(failed.back().userInfo, (QVUserInfo{{QVHandoffManagerOriginalFilePathKey, path}}));
+    EXPECT_TRUE(logLine.empty() || log_.contains(logLine, "error")) << logLine;
+    ASSERT_EQ(failed().size(), failures) << logLine;
+    EXPECT_EQ(failed().back().userInfo, (QVUserInfo{{QVHandoffManagerOriginalFilePathKey, path}}));
     EXPECT_TRUE(QVReadFile(path) == original) << logLine;
   };
 
-  // The peer goes away halfway.
-  QVTestHTTPRequest halfway = QVTestHTTPRequest::post(uri, body).chunked(16 * 1024).abortingAfter(200 * 1024);
-  const auto response = QVTestHTTPPerform(server_.port(), halfway);
-  EXPECT_FALSE(response.completed());
-  // The client may be gone before the server has even accepted it.
-  EXPECT_TRUE(QVRunMainQueueUntil(
-      [&] { return !notifications(QVHandoffManagerDidFailSaveBackRemoteDocumentNotification).empty(); }));
-  EXPECT_TRUE(leftNothingBehind());
-  EXPECT_EQ(notifications(QVHandoffManagerDidFailSaveBackRemoteDocumentNotification).size(), ++failures);
-  EXPECT_TRUE(QVReadFile(path) == original);
-
+  // The peer goes away halfway: no line of ours, only the notice.
+  expectFailure(QVTestHTTPRequest::post(uri, body).chunked(16 * 1024).abortingAfter(200 * 1024), "");
   const QVData otherKey =
       QVHandoffAES256Data::encryptWithKeyData(QVTestBytes(5000, 3), QVTestBytes(32, 7)).value();
   expectFailure(QVTestHTTPRequest::post(uri, otherKey), "Couldn't finish decryption on save back operation");
