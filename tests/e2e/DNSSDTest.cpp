@@ -1,0 +1,203 @@
+// DNS-SD between hosts in network namespaces made by the test: each host runs the probe tool with the
+// embedded stack on its own interfaces only, and the test reads the probes' events.
+
+#include "support/QVChildProcess.h"
+#include "support/QVNetworkNamespaces.h"
+#include "support/QVTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// Bounds, not expectations: discovery takes about 2 s, a host-name collision adds about 1 s.
+constexpr auto kDiscovery = 15s;
+constexpr auto kQuiet = 3s;
+// The shape of a real type: "_qvhandoff" and a UUID make a 46-character first label.
+const std::string kType = "_qvhandoff0A1B2C3D-4E5F-6071-8293-A4B5C6D7E8F9._tcp";
+constexpr int64_t kAvahiInvalidServiceType = -11;
+constexpr int64_t kAvahiTimeout = -15;
+
+QVChildProcess::Match event(const std::string& name,
+                            const std::optional<std::string>& service = std::nullopt) {
+  return QVChildProcess::event(name, service);
+}
+
+// A TXT event for `service` whose record holds `key` = `value`.
+QVChildProcess::Match txtWith(const std::string& service, const std::string& key, const std::string& value) {
+  return
+      [=](const nlohmann::json& e) { return event("txt", service)(e) && e["txt"].value(key, "") == value; };
+}
+
+} // namespace
+
+class DNSSDTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    if (auto reason = QVNetworkNamespaces::unavailableReason()) GTEST_SKIP() << *reason;
+  }
+
+  void TearDown() override {
+    if (!HasFailure()) return;
+    for (const auto& path : logs_.entries()) {
+      std::ifstream log(logs_.file(path));
+      std::cerr << "---- " << path << "\n" << std::string(std::istreambuf_iterator<char>(log), {});
+    }
+    for (const auto& probe : probes_) {
+      for (const auto& e : probe->events())
+        std::cerr << e.dump() << "\n";
+    }
+  }
+
+  bool makeHosts(size_t count) {
+    hosts_ = std::make_unique<QVNetworkNamespaces>(QVHANDOFF_NETNS_SCRIPT, count);
+    EXPECT_EQ(hosts_->failure(), "");
+    return hosts_->failure().empty();
+  }
+
+  // A probe on host `index`, its stack on the host's interfaces only; with `ownHostName` false it keeps
+  // the machine's name, which every namespace shares.
+  QVChildProcess& probe(size_t index, const std::vector<std::string>& arguments,
+                        std::vector<std::string> interfaces = {}, bool ownHostName = true) {
+    const QVNetworkNamespaces::Host& host = hosts_->host(index);
+    std::vector<std::string> argv = {"ip",     "netns",    "exec",   host.netns, QVHANDOFF_DNSSD_PROBE,
+                                     "--mode", "embedded", "--type", kType,      "--duration",
+                                     "60"};
+    if (interfaces.empty()) interfaces = {host.interface};
+    for (const auto& interface : interfaces)
+      argv.insert(argv.end(), {"--interface", interface});
+    if (ownHostName) argv.insert(argv.end(), {"--host-name", "host-" + host.letter});
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    const std::string log = logs_.file(host.letter + std::to_string(probes_.size()) + ".log");
+    probes_.push_back(std::make_unique<QVChildProcess>(argv, log));
+    EXPECT_TRUE(probes_.back()->started());
+    return *probes_.back();
+  }
+
+  const QVNetworkNamespaces::Host& host(size_t index) const { return hosts_->host(index); }
+
+  QVTemporaryFolder logs_;
+  std::unique_ptr<QVNetworkNamespaces> hosts_;
+  // Declared after the hosts: the probes end before their namespaces go.
+  std::vector<std::unique_ptr<QVChildProcess>> probes_;
+};
+
+TEST_F(DNSSDTest, HostsWithTheSameMachineNameFindAndResolveEachOther) {
+  ASSERT_TRUE(makeHosts(2));
+  auto& a = probe(0, {"--publish", "", "--port", "4001", "--browse", "--resolve"}, {}, false);
+  auto& b = probe(1, {"--publish", "", "--port", "4002", "--browse", "--resolve"}, {}, false);
+
+  const auto publishedA = a.waitFor(event("published"), kDiscovery);
+  const auto publishedB = b.waitFor(event("published"), kDiscovery);
+  ASSERT_TRUE(publishedA && publishedB) << "no publication confirmed";
+  const std::string nameA = (*publishedA)["name"];
+  const std::string nameB = (*publishedB)["name"];
+  // Both claimed the machine's name: one had to rename its host, and its service with it.
+  EXPECT_NE(nameA, nameB);
+
+  const auto atB = b.waitFor(event("resolved", nameA), kDiscovery);
+  const auto atA = a.waitFor(event("resolved", nameB), kDiscovery);
+  ASSERT_TRUE(atA && atB) << "a peer was not resolved";
+  EXPECT_EQ((*atB)["addresses"], nlohmann::json::array({host(0).address}));
+  EXPECT_EQ((*atB)["port"], 4001);
+  EXPECT_EQ((*atB)["registry"], host(0).address);
+  EXPECT_EQ((*atA)["addresses"], nlohmann::json::array({host(1).address}));
+  EXPECT_EQ((*atA)["port"], 4002);
+  EXPECT_EQ((*atA)["registry"], host(1).address);
+  EXPECT_NE((*atA)["host"], (*atB)["host"]);
+  // A browser sees its own host's service too; telling it apart by name is the caller's business.
+  EXPECT_TRUE(a.waitFor(event("found", nameA), kDiscovery));
+  EXPECT_EQ(a.count(event("found", nameB)), 1u);
+}
+
+TEST_F(DNSSDTest, TXTUpdatesReachThePeerAndEveryWithdrawalRemovesTheService) {
+  ASSERT_TRUE(makeHosts(2));
+  const std::string name = "Reader on A";
+  auto& browser = probe(1, {"--browse", "--monitor"});
+  ASSERT_TRUE(browser.waitFor(event("browsing"), kDiscovery));
+  auto& publisher =
+      probe(0, {"--publish", name, "--port", "4242", "--txt", "hasDocs=0", "--txt", "productName=Probe"});
+
+  ASSERT_TRUE(browser.waitFor(event("found", name), kDiscovery));
+  ASSERT_TRUE(browser.waitFor(txtWith(name, "hasDocs", "0"), kDiscovery));
+  size_t mark = browser.eventCount();
+  publisher.send("txt hasDocs=1 dateMark=2026-11-15T03:13:31.123");
+  const auto updated = browser.waitFor(txtWith(name, "hasDocs", "1"), kDiscovery, mark);
+  ASSERT_TRUE(updated) << "TXT update not seen";
+  // The whole record is replaced: the entries not changed are still there.
+  EXPECT_EQ(
+      (*updated)["txt"],
+      nlohmann::json({{"hasDocs", "1"}, {"dateMark", "2026-11-15T03:13:31.123"}, {"productName", "Probe"}}));
+
+  mark = browser.eventCount();
+  publisher.send("stop");
+  EXPECT_TRUE(publisher.waitFor(event("stopped", name), kDiscovery));
+  ASSERT_TRUE(browser.waitFor(event("removed", name), kDiscovery, mark));
+  mark = browser.eventCount();
+  publisher.send("publish");
+  ASSERT_TRUE(browser.waitFor(event("found", name), kDiscovery, mark));
+  mark = browser.eventCount();
+  publisher.send("quit");
+  EXPECT_TRUE(publisher.waitForExit(kDiscovery));
+  ASSERT_TRUE(browser.waitFor(event("removed", name), kDiscovery, mark));
+  EXPECT_EQ(browser.count(event("found", name)), 2u);
+  EXPECT_EQ(browser.count(event("removed", name)), 2u);
+}
+
+TEST_F(DNSSDTest, NameCollisionIsRenamedAndReported) {
+  ASSERT_TRUE(makeHosts(3));
+  auto& c = probe(2, {"--browse"});
+  auto& a = probe(0, {"--publish", "Shared Name", "--port", "4001"});
+  auto& b = probe(1, {"--publish", "Shared Name", "--port", "4002"});
+
+  const auto publishedA = a.waitFor(event("published"), kDiscovery);
+  const auto publishedB = b.waitFor(event("published"), kDiscovery);
+  ASSERT_TRUE(publishedA && publishedB) << "no publication confirmed";
+  std::vector<std::string> names = {(*publishedA)["name"], (*publishedB)["name"]};
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"Shared Name", "Shared Name #2"}));
+  for (const auto& name : names)
+    EXPECT_TRUE(c.waitFor(event("found", name), kDiscovery)) << name;
+}
+
+TEST_F(DNSSDTest, ServiceSeenOnTwoInterfacesIsOneService) {
+  ASSERT_TRUE(makeHosts(2));
+  const auto link = hosts_->addLink(0, 1);
+  ASSERT_TRUE(link) << "couldn't add a second link";
+  const std::string name = "Twice Linked";
+  auto& browser = probe(1, {"--browse"}, {host(1).interface, link->second});
+  ASSERT_TRUE(browser.waitFor(event("browsing"), kDiscovery));
+  auto& publisher = probe(0, {"--publish", name, "--port", "4242"}, {host(0).interface, link->first});
+  ASSERT_TRUE(publisher.waitFor(event("published", name), kDiscovery));
+  ASSERT_TRUE(browser.waitFor(event("found", name), kDiscovery));
+
+  // Losing one of the two links loses one instance, not the service.
+  EXPECT_FALSE(browser.waitFor(event("removed", name), kQuiet));
+  ASSERT_EQ(QVRunCommand({"ip", "-n", host(1).netns, "link", "set", link->second, "down"}), 0);
+  EXPECT_FALSE(browser.waitFor(event("removed", name), kQuiet));
+  publisher.send("quit");
+  ASSERT_TRUE(browser.waitFor(event("removed", name), kDiscovery));
+  EXPECT_EQ(browser.count(event("found", name)), 1u);
+  EXPECT_EQ(browser.count(event("removed", name)), 1u);
+}
+
+TEST_F(DNSSDTest, FailuresReachTheDelegateWithAvahiCodes) {
+  ASSERT_TRUE(makeHosts(2));
+  auto& a = probe(0, {"--type", "not a type", "--publish", "Broken", "--browse"});
+  const auto notPublished = a.waitFor(event("notPublished"), kDiscovery);
+  const auto notSearched = a.waitFor(event("notSearch"), kDiscovery);
+  ASSERT_TRUE(notPublished && notSearched);
+  EXPECT_EQ((*notPublished)["code"], kAvahiInvalidServiceType);
+  EXPECT_EQ((*notSearched)["code"], kAvahiInvalidServiceType);
+
+  // Nobody answers: Avahi gives up after 5 s and is asked again, until the caller's 6 s have passed.
+  a.send("resolve Nobody " + kType + " 6");
+  const auto notResolved = a.waitFor(event("notResolved", "Nobody"), kDiscovery);
+  ASSERT_TRUE(notResolved);
+  EXPECT_EQ((*notResolved)["code"], kAvahiTimeout);
+}
