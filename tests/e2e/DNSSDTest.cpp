@@ -22,6 +22,7 @@ constexpr auto kQuiet = 3s;
 const std::string kType = "_qvhandoff0A1B2C3D-4E5F-6071-8293-A4B5C6D7E8F9._tcp";
 constexpr int64_t kAvahiInvalidServiceType = -11;
 constexpr int64_t kAvahiTimeout = -15;
+constexpr int64_t kAvahiDisconnected = -23;
 
 QVChildProcess::Match event(const std::string& name,
                             const std::optional<std::string>& service = std::nullopt) {
@@ -61,7 +62,7 @@ protected:
   }
 
   // A probe on host `index`, its stack on the host's interfaces only; with `ownHostName` false it keeps
-  // the machine's name, which every namespace shares.
+  // the machine's name, which every namespace shares. The test's arguments come last and win.
   QVChildProcess& probe(size_t index, const std::vector<std::string>& arguments,
                         std::vector<std::string> interfaces = {}, bool ownHostName = true) {
     const QVNetworkNamespaces::Host& host = hosts_->host(index);
@@ -73,7 +74,27 @@ protected:
       argv.insert(argv.end(), {"--interface", interface});
     if (ownHostName) argv.insert(argv.end(), {"--host-name", "host-" + host.letter});
     argv.insert(argv.end(), arguments.begin(), arguments.end());
-    const std::string log = logs_.file(host.letter + std::to_string(probes_.size()) + ".log");
+    return start(host.letter, argv);
+  }
+
+  // A system bus and an mDNS daemon for host `index`, in a mount namespace of their own.
+  QVChildProcess& daemons(size_t index) {
+    const QVNetworkNamespaces::Host& host = hosts_->host(index);
+    return start(host.letter + "-daemons", {"ip", "netns", "exec", host.netns, QVHANDOFF_DNSSD_DAEMONS,
+                                            "host-" + host.letter, host.interface});
+  }
+
+  // A probe that talks to the daemons of `daemons`, inside their network and mount namespaces.
+  QVChildProcess& daemonProbe(const QVChildProcess& daemons, const std::vector<std::string>& arguments) {
+    std::vector<std::string> argv = {
+        "nsenter",    "-t", std::to_string(daemons.pid()), "-m", "-n", QVHANDOFF_DNSSD_PROBE, "--type", kType,
+        "--duration", "60"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return start("daemon-probe", argv);
+  }
+
+  QVChildProcess& start(const std::string& label, const std::vector<std::string>& argv) {
+    const std::string log = logs_.file(label + "-" + std::to_string(probes_.size()) + ".log");
     probes_.push_back(std::make_unique<QVChildProcess>(argv, log));
     EXPECT_TRUE(probes_.back()->started());
     return *probes_.back();
@@ -200,4 +221,50 @@ TEST_F(DNSSDTest, FailuresReachTheDelegateWithAvahiCodes) {
   const auto notResolved = a.waitFor(event("notResolved", "Nobody"), kDiscovery);
   ASSERT_TRUE(notResolved);
   EXPECT_EQ((*notResolved)["code"], kAvahiTimeout);
+}
+
+TEST_F(DNSSDTest, DaemonModeWithADaemonPerHost) {
+  if (QVRunCommand({"sh", "-c",
+                    "command -v avahi-daemon && command -v dbus-daemon && command -v avahi-browse"}) != 0) {
+    GTEST_SKIP() << "the daemon-mode test needs avahi-daemon, dbus-daemon and avahi-browse";
+  }
+  ASSERT_TRUE(makeHosts(2));
+  auto& daemonsA = daemons(0);
+  auto& daemonsB = daemons(1);
+  ASSERT_TRUE(daemonsA.waitFor(event("ready"), kDiscovery) && daemonsB.waitFor(event("ready"), kDiscovery))
+      << "the daemons did not come up";
+
+  // Auto mode takes the daemon when one answers.
+  auto& browser = daemonProbe(daemonsB, {"--mode", "auto", "--browse", "--resolve", "--monitor"});
+  ASSERT_TRUE(browser.waitFor(event("browsing"), kDiscovery));
+  auto& publisher = daemonProbe(
+      daemonsA, {"--mode", "daemon", "--publish", "Daemon A", "--port", "4242", "--txt", "hasDocs=0"});
+  const auto published = publisher.waitFor(event("published"), kDiscovery);
+  ASSERT_TRUE(published);
+  EXPECT_EQ((*published)["name"], "Daemon A");
+  const auto resolved = browser.waitFor(event("resolved", "Daemon A"), kDiscovery);
+  ASSERT_TRUE(resolved);
+  EXPECT_EQ((*resolved)["host"], "host-A.local");
+  EXPECT_EQ((*resolved)["addresses"], nlohmann::json::array({host(0).address}));
+  EXPECT_EQ((*resolved)["port"], 4242);
+  size_t mark = browser.eventCount();
+  publisher.send("txt hasDocs=1");
+  ASSERT_TRUE(browser.waitFor(txtWith("Daemon A", "hasDocs", "1"), kDiscovery, mark));
+
+  // The daemon's own tools see the same service with the new record.
+  std::string listing;
+  EXPECT_EQ(QVRunCommand({"nsenter", "-t", std::to_string(daemonsB.pid()), "-m", "-n", "timeout", "10",
+                          "avahi-browse", "-rpt", kType},
+                         &listing),
+            0);
+  const std::string expected = "=;" + host(1).interface + ";IPv4;Daemon\\032A;" + kType +
+                               ";local;host-A.local;" + host(0).address + ";4242;\"hasDocs=1\"";
+  EXPECT_NE(listing.find(expected), std::string::npos) << listing;
+
+  // The daemon going away ends the search with Avahi's code.
+  mark = browser.eventCount();
+  daemonsB.send("stop-avahi");
+  const auto notSearched = browser.waitFor(event("notSearch"), kDiscovery, mark);
+  ASSERT_TRUE(notSearched);
+  EXPECT_EQ((*notSearched)["code"], kAvahiDisconnected);
 }

@@ -30,6 +30,7 @@ public:
   QVChildProcess& operator=(const QVChildProcess&) = delete;
 
   bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
   bool send(const std::string& line);
   void closeInput();
 
