@@ -56,6 +56,9 @@ void logAvahiLine(AvahiLogLevel level, const char* text) {
   }
 }
 
+// At exit the loggers may already be gone when the stack says goodbye.
+void discardAvahiLine(AvahiLogLevel, const char*) {}
+
 // Loaded once and never unloaded: engines and their callbacks may outlive any one user.
 const CoreAPI* loadCore(std::string& failure) {
   static std::mutex mutex;
@@ -188,6 +191,11 @@ std::shared_ptr<QVDNSSDCoreBackend> QVDNSSDCoreBackend::make(const QVDNSSDConfig
 }
 
 QVDNSSDCoreBackend::~QVDNSSDCoreBackend() {
+  {
+    // With the lock held the poll thread is not inside a callback that logs.
+    std::lock_guard lock(*this);
+    core().avahi_set_log_function(&discardAvahiLine);
+  }
   stopPollThread();
 }
 

@@ -44,13 +44,22 @@ protected:
   }
 
   void TearDown() override {
-    if (!HasFailure()) return;
-    for (const auto& path : logs_.entries()) {
-      std::ifstream log(logs_.file(path));
-      std::cerr << "---- " << path << "\n" << std::string(std::istreambuf_iterator<char>(log), {});
-    }
+    // End the children first so that their logs are complete, sanitizer reports included.
+    std::vector<nlohmann::json> events;
     for (const auto& probe : probes_) {
-      for (const auto& e : probe->events())
+      for (auto& e : probe->events())
+        events.push_back(std::move(e));
+    }
+    probes_.clear();
+    for (const auto& name : logs_.entries()) {
+      std::ifstream file(logs_.file(name));
+      const std::string log(std::istreambuf_iterator<char>(file), {});
+      EXPECT_EQ(log.find("Sanitizer"), std::string::npos) << name << ":\n" << log;
+      EXPECT_EQ(log.find("runtime error"), std::string::npos) << name << ":\n" << log;
+      if (HasFailure()) std::cerr << "---- " << name << "\n" << log;
+    }
+    if (HasFailure()) {
+      for (const auto& e : events)
         std::cerr << e.dump() << "\n";
     }
   }
