@@ -19,6 +19,8 @@ QV_LOG_SOURCE("DNSSD/QVNetService")
 
 namespace {
 constexpr size_t kMaxTXTEntryLength = 255;
+// An empty domain means the default one; Avahi would read "" as the root.
+constexpr const char* kDefaultDomain = "local";
 } // namespace
 
 struct QVNetService::State {
@@ -205,7 +207,7 @@ QVNetService::QVNetService() : state_(std::make_unique<State>()) {}
 
 QVNetService::QVNetService(std::string domain, std::string type, std::string name, int port)
     : QVNetService() {
-  state_->domain = std::move(domain);
+  state_->domain = domain.empty() ? kDefaultDomain : std::move(domain);
   state_->type = std::move(type);
   state_->name = std::move(name);
   state_->port = port;

@@ -23,7 +23,8 @@ using QVTXTRecordDictionary = std::map<std::string, QVData>;
 
 class QVNetService : public std::enable_shared_from_this<QVNetService> {
 public:
-  // To publish a local service on `port`; an empty name publishes under the host's name.
+  // To publish a local service on `port`; an empty name publishes under the host's name, an empty domain
+  // in "local".
   QVNetService(std::string domain, std::string type, std::string name, int port);
   // To resolve a service that a browser reported.
   QVNetService(std::string domain, std::string type, std::string name);

@@ -59,8 +59,9 @@ void QVNetServiceBrowser::searchForServicesOfType(const std::string& type, const
   std::unique_ptr<QVDNSSDBackend::Query> query;
   if (backend) {
     std::lock_guard backendLock(*backend);
+    // An empty domain means the default one; Avahi would read "" as the root.
     query = backend->browseServices(
-        type, domain,
+        type, domain.empty() ? "local" : domain,
         [weak, generation](const QVDNSSDBackend::Event& event) {
           QVMainQueue::main().post([weak, generation, event] {
             if (auto self = weak.lock()) State::searchEvent(self, generation, event);

@@ -91,6 +91,8 @@ TEST(QVNetServiceTest, ServiceBeforeAnyNetworkUse) {
   service->stopMonitoring();
   service->stop();
 
+  EXPECT_EQ(QVNetService("", "_qvhandoffX._tcp", "").domain(), "local");
+
   const QVUserInfo error = QVNetService::errorDictionary(-15);
   EXPECT_EQ(std::get<std::string>(error.at(QVNetServicesErrorDomain)), QVNetServicesErrorDomain);
   EXPECT_EQ(std::get<int64_t>(error.at(QVNetServicesErrorCode)), -15);
