@@ -15,7 +15,7 @@ packages=(
   uuid-dev
   libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  iproute2 attr
+  iproute2 attr jq
   clang-format
 )
 

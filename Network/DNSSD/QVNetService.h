@@ -1,12 +1,77 @@
 #pragma once
-// A DNS-SD service: ours while it is published, a peer's once a browser found it.
+// A DNS-SD service: ours while it is published, a peer's once a browser found it. Hold it in a
+// std::shared_ptr: events reach the delegate on the main queue only while someone holds the service.
+// Safe to call from any thread; no Avahi type shows here.
 
+#include "Foundation/QVTypes.h"
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
-class QVNetService {
+class QVNetServiceDelegate;
+
+// Keys of the error dictionaries passed to delegates; the domain's value is QVNetServicesErrorDomain too.
+inline constexpr const char* QVNetServicesErrorDomain = "QVNetServicesErrorDomain";
+inline constexpr const char* QVNetServicesErrorCode = "QVNetServicesErrorCode";
+
+using QVTXTRecordDictionary = std::map<std::string, QVData>;
+
+class QVNetService : public std::enable_shared_from_this<QVNetService> {
 public:
-  virtual ~QVNetService() = default;
-  // The instance name: for a peer, the name under which it published itself.
-  virtual std::string name() const = 0;
-  virtual std::string description() const = 0;
+  // To publish a local service on `port`; an empty name publishes under the host's name, an empty domain
+  // in "local".
+  QVNetService(std::string domain, std::string type, std::string name, int port);
+  // To resolve a service that a browser reported.
+  QVNetService(std::string domain, std::string type, std::string name);
+  virtual ~QVNetService();
+  QVNetService(const QVNetService&) = delete;
+  QVNetService& operator=(const QVNetService&) = delete;
+
+  // The instance name: for a peer, the name under which it published itself; for ours, the published
+  // name once the publication is established.
+  virtual std::string name() const;
+  virtual std::string description() const;
+  std::string type() const;
+  std::string domain() const;
+  // -1 until resolved, for a found service.
+  int64_t port() const;
+  // Known once resolved ("Host.local"), empty before.
+  std::string hostName() const;
+  std::vector<std::string> addresses() const;
+
+  std::shared_ptr<QVNetServiceDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<QVNetServiceDelegate> delegate);
+
+  // The TXT record (wire format). Setting it replaces a published record at once and is kept for a
+  // publication to come; false when the engine refused the update.
+  QVData TXTRecordData() const;
+  bool setTXTRecordData(const QVData& data);
+
+  void publish();
+  void resolveWithTimeout(std::chrono::milliseconds timeout);
+  // Ends a publication or a resolve; TXT monitoring goes on.
+  void stop();
+  void startMonitoring();
+  void stopMonitoring();
+
+  // RFC 6763 TXT record data <-> key -> value bytes. A key without "=" has an empty value; the first of
+  // several equal keys wins; empty strings are skipped.
+  static QVTXTRecordDictionary dictionaryFromTXTRecordData(const QVData& data);
+  // None when an entry exceeds 255 bytes or a key is empty or holds "=".
+  static std::optional<QVData> dataFromTXTRecordDictionary(const QVTXTRecordDictionary& dictionary);
+  // {QVNetServicesErrorDomain: QVNetServicesErrorDomain, QVNetServicesErrorCode: code}.
+  static QVUserInfo errorDictionary(int64_t code);
+
+protected:
+  // For stand-ins that only answer name() and description().
+  QVNetService();
+
+private:
+  struct State;
+  std::unique_ptr<State> state_;
 };

@@ -1,0 +1,146 @@
+#include "Network/DNSSD/QVDNSSDBackend.h"
+
+#include "Foundation/QVLog.h"
+#include "Network/DNSSD/QVDNSSDClientBackend.h"
+#include "Network/DNSSD/QVDNSSDCoreBackend.h"
+#include "Network/DNSSD/QVDNSSDPublication.h"
+
+#include <avahi-common/error.h>
+
+#include <mutex>
+#include <vector>
+
+QV_LOG_SOURCE("DNSSD/QVDNSSDBackend")
+
+std::shared_ptr<QVDNSSDBackend> QVDNSSDBackend::shared(int& error) {
+  static std::mutex mutex;
+  // Destroyed at exit only if nothing holds it any more; its destructor joins the poll thread.
+  static std::shared_ptr<QVDNSSDBackend> current;
+  std::lock_guard lock(mutex);
+  if (current && !current->failed()) return current;
+  current.reset();
+
+  const QVDNSSDConfiguration configuration = QVDNSSDConfiguration::current();
+  error = AVAHI_OK;
+  if (configuration.mode != QVDNSSDConfiguration::Mode::Embedded) {
+    current = QVDNSSDClientBackend::make(error);
+    if (current) {
+      QV_LOG_INFO("Using the DNS-SD daemon");
+      return current;
+    }
+    if (configuration.mode == QVDNSSDConfiguration::Mode::Daemon) {
+      QV_LOG_ERROR("Couldn't connect to the DNS-SD daemon ({})", QVAvahiErrorText(error));
+      return nullptr;
+    }
+    QV_LOG_INFO("No DNS-SD daemon ({}), using the embedded stack", QVAvahiErrorText(error));
+  }
+  current = QVDNSSDCoreBackend::make(configuration, error);
+  if (!current) {
+    QV_LOG_ERROR("Couldn't start the embedded DNS-SD stack ({})", QVAvahiErrorText(error));
+  }
+  return current;
+}
+
+QVDNSSDBackend::QVDNSSDBackend() : poll_(avahi_threaded_poll_new()) {}
+
+QVDNSSDBackend::~QVDNSSDBackend() {
+  stopPollThread();
+}
+
+const AvahiPoll* QVDNSSDBackend::pollAPI() const {
+  return poll_ ? avahi_threaded_poll_get(poll_.get()) : nullptr;
+}
+
+int QVDNSSDBackend::startPollThread() {
+  if (!poll_) return AVAHI_ERR_NO_MEMORY;
+  if (avahi_threaded_poll_start(poll_.get()) < 0) return AVAHI_ERR_OS;
+  pollStarted_ = true;
+  return AVAHI_OK;
+}
+
+void QVDNSSDBackend::stopPollThread() {
+  if (!pollStarted_) return;
+  avahi_threaded_poll_stop(poll_.get());
+  pollStarted_ = false;
+}
+
+void QVDNSSDBackend::lock() {
+  avahi_threaded_poll_lock(poll_.get());
+}
+
+void QVDNSSDBackend::unlock() {
+  avahi_threaded_poll_unlock(poll_.get());
+}
+
+void QVDNSSDBackend::engineStateChanged(bool running) {
+  running_ = running;
+  // Publications follow: withdrawn while the host name is being (re)claimed, added back once it holds.
+  const std::vector<QVDNSSDPublication*> publications(publications_.begin(), publications_.end());
+  for (QVDNSSDPublication* publication : publications)
+    publication->engineStateChanged(running);
+}
+
+void QVDNSSDBackend::engineFailed(int error) {
+  running_ = false;
+  failed_ = true;
+  const std::vector<QVDNSSDPublication*> publications(publications_.begin(), publications_.end());
+  for (QVDNSSDPublication* publication : publications)
+    publication->engineFailed(error);
+  const std::vector<const Query*> queries(queries_.begin(), queries_.end());
+  for (const Query* query : queries)
+    query->fail(error);
+}
+
+QVDNSSDBackend::Query::Query(QVDNSSDBackend& backend, Callback callback)
+    : backend_(backend), callback_(std::move(callback)) {
+  backend_.queries_.insert(this);
+}
+
+QVDNSSDBackend::Query::~Query() {
+  backend_.queries_.erase(this);
+}
+
+void QVDNSSDBackend::Query::fail(int error) const {
+  Event event;
+  event.kind = Event::Kind::Failed;
+  event.error = error;
+  callback_(event);
+}
+
+void QVDNSSDBackend::Query::browseEvent(AvahiBrowserEvent event, AvahiIfIndex interface,
+                                        AvahiProtocol protocol, const char* name, const char* type,
+                                        const char* domain, const QVData& txt) const {
+  if (event == AVAHI_BROWSER_FAILURE) {
+    fail(backend_.lastError());
+    return;
+  }
+  if (event != AVAHI_BROWSER_NEW && event != AVAHI_BROWSER_REMOVE) return;
+  Event result;
+  result.kind = event == AVAHI_BROWSER_NEW ? Event::Kind::Added : Event::Kind::Removed;
+  result.interface = interface;
+  result.protocol = protocol;
+  result.name = name ? name : "";
+  result.type = type ? type : "";
+  result.domain = domain ? domain : "";
+  result.txt = txt;
+  callback_(result);
+}
+
+void QVDNSSDBackend::Query::resolverEvent(AvahiResolverEvent event, AvahiIfIndex interface,
+                                          AvahiProtocol protocol, const char* hostName,
+                                          const AvahiAddress* address, uint16_t port,
+                                          AvahiStringList* txt) const {
+  if (event != AVAHI_RESOLVER_FOUND) {
+    fail(backend_.lastError());
+    return;
+  }
+  Event result;
+  result.kind = Event::Kind::Resolved;
+  result.interface = interface;
+  result.protocol = protocol;
+  result.hostName = hostName ? hostName : "";
+  result.address = QVAvahiAddressText(address);
+  result.port = port;
+  result.txt = QVTXTDataFromAvahiStringList(txt);
+  callback_(result);
+}

@@ -1,0 +1,99 @@
+#include "Network/DNSSD/QVNetService.h"
+
+#include <avahi-common/malloc.h>
+#include <avahi-common/strlst.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+QVData bytes(const std::string& text) {
+  return QVData(text.begin(), text.end());
+}
+
+// What Avahi's own TXT parser reads from our bytes for `key`, or none.
+std::optional<std::string> avahiValue(const QVData& data, const std::string& key) {
+  AvahiStringList* list = nullptr;
+  if (avahi_string_list_parse(data.data(), data.size(), &list) < 0) return std::nullopt;
+  std::optional<std::string> result;
+  if (AvahiStringList* entry = avahi_string_list_find(list, key.c_str())) {
+    char* foundKey = nullptr;
+    char* value = nullptr;
+    size_t size = 0;
+    if (avahi_string_list_get_pair(entry, &foundKey, &value, &size) == 0) {
+      result = value ? std::string(value, size) : std::string();
+      avahi_free(foundKey);
+      avahi_free(value);
+    }
+  }
+  avahi_string_list_free(list);
+  return result;
+}
+
+} // namespace
+
+TEST(QVNetServiceTest, TXTRecordDataMatchesTheWireFormatAndAvahisReading) {
+  const QVTXTRecordDictionary dictionary = {{"hasDocs", bytes("1")},
+                                            {"productName", bytes("Paper Reader")},
+                                            {"dateMark", bytes("2026-11-15T03:13:31.123")},
+                                            {"blob", QVData{0x00, 0xff, '=', 0x01}}};
+  const auto data = QVNetService::dataFromTXTRecordDictionary(dictionary);
+  ASSERT_TRUE(data);
+  // Length-prefixed "key=value" strings, in key order.
+  QVData expected;
+  for (const std::string& entry :
+       {std::string("blob=\x00\xff=\x01", 9), std::string("dateMark=2026-11-15T03:13:31.123"),
+        std::string("hasDocs=1"), std::string("productName=Paper Reader")}) {
+    expected.push_back(static_cast<uint8_t>(entry.size()));
+    expected.insert(expected.end(), entry.begin(), entry.end());
+  }
+  EXPECT_EQ(*data, expected);
+  EXPECT_EQ(QVNetService::dictionaryFromTXTRecordData(*data), dictionary);
+  EXPECT_EQ(avahiValue(*data, "productName"), "Paper Reader");
+  EXPECT_EQ(avahiValue(*data, "blob"), std::string("\x00\xff=\x01", 4));
+
+  // An empty record is one empty string, which reads back as no entries.
+  EXPECT_EQ(QVNetService::dataFromTXTRecordDictionary({}), QVData{0});
+  EXPECT_TRUE(QVNetService::dictionaryFromTXTRecordData(QVData{0}).empty());
+}
+
+TEST(QVNetServiceTest, TXTRecordDictionaryRefusesEntriesThatCannotBeEncoded) {
+  const std::string longest(255 - 2, 'v'); // "k=" + value fills one length byte exactly
+  EXPECT_TRUE(QVNetService::dataFromTXTRecordDictionary({{"k", bytes(longest)}}));
+  EXPECT_FALSE(QVNetService::dataFromTXTRecordDictionary({{"k", bytes(longest + "v")}}));
+  EXPECT_FALSE(QVNetService::dataFromTXTRecordDictionary({{"", bytes("v")}}));
+  EXPECT_FALSE(QVNetService::dataFromTXTRecordDictionary({{"a=b", bytes("v")}}));
+  EXPECT_FALSE(QVNetService::dataFromTXTRecordDictionary({{"tab\there", bytes("v")}}));
+}
+
+TEST(QVNetServiceTest, TXTRecordDataFromPeersIsReadLeniently) {
+  // A key without "=", an empty string, a repeated key, a value holding "=", a string without a key and
+  // a last string cut short.
+  const std::string wire = std::string("\x04") + "flag" + '\x00' + "\x07" + "hasDocs" + "\x09" + "hasDocs=1" +
+                           "\x09" + "hasDocs=0" + "\x05" + "a=b=c" + "\x02" + "=x" + "\x09" + "cut";
+  const auto dictionary = QVNetService::dictionaryFromTXTRecordData(bytes(wire));
+  EXPECT_EQ(dictionary, (QVTXTRecordDictionary{{"flag", {}}, {"hasDocs", {}}, {"a", bytes("b=c")}}));
+  EXPECT_TRUE(QVNetService::dictionaryFromTXTRecordData({}).empty());
+}
+
+TEST(QVNetServiceTest, ServiceBeforeAnyNetworkUse) {
+  auto service = std::make_shared<QVNetService>("local", "_qvhandoffX._tcp", "Desk");
+  EXPECT_EQ(service->name(), "Desk");
+  EXPECT_EQ(service->port(), -1);
+  EXPECT_TRUE(service->hostName().empty());
+  EXPECT_TRUE(service->addresses().empty());
+  EXPECT_NE(service->description().find("local. _qvhandoffX._tcp. Desk"), std::string::npos);
+  // The record is kept for a publication to come; nothing is published, no engine starts.
+  EXPECT_TRUE(service->setTXTRecordData(bytes("\x09hasDocs=1")));
+  EXPECT_EQ(service->TXTRecordData(), bytes("\x09hasDocs=1"));
+  service->stopMonitoring();
+  service->stop();
+
+  EXPECT_EQ(QVNetService("", "_qvhandoffX._tcp", "").domain(), "local");
+
+  const QVUserInfo error = QVNetService::errorDictionary(-15);
+  EXPECT_EQ(std::get<std::string>(error.at(QVNetServicesErrorDomain)), QVNetServicesErrorDomain);
+  EXPECT_EQ(std::get<int64_t>(error.at(QVNetServicesErrorCode)), -15);
+}
