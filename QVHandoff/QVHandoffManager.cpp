@@ -53,3 +53,5 @@ QVHandoffFileAttributesBlock QVHandoffManager::fileAttributesBlock() const {
 void QVHandoffManager::setFileAttributesBlock(QVHandoffFileAttributesBlock block) {
   lockedAssign(blocksMutex_, fileAttributesBlock_, std::move(block));
 }
+
+QVHandoffManager::~QVHandoffManager() = default;

@@ -2,7 +2,13 @@
 // The one object through which the host drives the framework.
 
 #include "Foundation/QVFileOperations.h"
+#include "Foundation/QVNotificationCenter.h"
 #include "Foundation/QVTypes.h"
+#include "Network/DNSSD/QVNetServiceBrowserDelegate.h"
+#include "Network/DNSSD/QVNetServiceDelegate.h"
+#include "QVHandoff/QVHandoffDocumentInfo.h"
+#include "QVHandoff/QVHandoffHTTPServer.h"
+#include "QVHandoff/QVHandoffMetaStorage.h"
 
 #include <atomic>
 #include <functional>
@@ -13,7 +19,11 @@
 #include <unordered_set>
 #include <vector>
 
-class QVHandoffDocumentInfo;
+class QVHandoffServerInfo;
+class QVHTTPSessionManager;
+class QVNetService;
+class QVNetServiceBrowser;
+class QVURLRequest;
 
 // Notifications (value = name).
 inline constexpr const char* QVHandoffManagerDidUpdateServersInfoNotification =
@@ -61,6 +71,44 @@ inline constexpr const char* QVHandoffContentTypeAttributeName = "com.quorvel.pa
 inline constexpr const char* QVHandoffOverriddenFileModificationDateAttributeName =
     "com.quorvel.paperloom.handoff.overriddenFileModificationDate";
 
+// DNS-SD and the client's requests.
+inline constexpr const char* QVHandoffServiceDomain = "local";
+inline constexpr double QVHandoffServiceResolveTimeInterval = 30.0;
+inline constexpr uint64_t QVHandoffTabsListRequestAttemptLimit = 3;
+inline constexpr const char* QVHandoffAES256ContentEncoding = "x-quorvel-aes256";
+inline constexpr const char* QVHandoffJSONContentType = "application/json";
+
+// The TXT record of the local server.
+inline constexpr const char* QVHandoffServerHasOpenedDocumentsKey = "hasDocs";
+inline constexpr const char* QVHandoffServerDeviceTypeKey = "deviceType";
+inline constexpr const char* QVHandoffServerProductNameKey = "productName";
+inline constexpr const char* QVHandoffServerDateMarkKey = "dateMark";
+
+// Request paths and message keys.
+inline constexpr const char* QVHandoffTabsListRequestPath = "/api/tabs_list";
+inline constexpr const char* QVHandoffHandoffDocumentRequestPath = "/api/handoff";
+inline constexpr const char* QVHandoffSaveBackRequestPath = "/api/save_back";
+inline constexpr const char* QVHandoffMarkAsModifiedFileRequestPath = "/api/mark_as_modified";
+inline constexpr const char* QVHandoffForceRemoteSaveBackFileRequestPath = "/api/force_remote_save_back";
+inline constexpr const char* QVHandoffTabsListFilePathKey = "filePath";
+inline constexpr const char* QVHandoffTabsListFileContentTypeKey = "contentType";
+inline constexpr const char* QVHandoffTabsListFileSizeKey = "fileSize";
+inline constexpr const char* QVHandoffTabsListFileModificationDateKey = "fileModificationDate";
+inline constexpr const char* QVHandoffTabsListICloudPathKey = "iCloudPath";
+inline constexpr const char* QVHandoffTabsListDropboxPathKey = "dropboxPath";
+inline constexpr const char* QVHandoffTabsListPageNumberKey = "pageNumber";
+inline constexpr const char* QVHandoffTabsListPDFPointXKey = "pdfPointX";
+inline constexpr const char* QVHandoffTabsListPDFPointYKey = "pdfPointY";
+inline constexpr const char* QVHandoffTabsListActiveKey = "active";
+inline constexpr const char* QVHandoffHandoffDocumentFilePathKey = "filePath";
+inline constexpr const char* QVHandoffMarkAsModifiedFileFilePathKey = "filePath";
+inline constexpr const char* QVHandoffMarkAsModifiedFileRemoteFilePathKey = "remoteFilePath";
+inline constexpr const char* QVHandoffMarkAsModifiedFileRemoteFileModificationDateKey =
+    "remoteFileModificationDate";
+inline constexpr const char* QVHandoffMarkAsModifiedFileRemoteDeviceNameKey = "remoteDeviceName";
+inline constexpr const char* QVHandoffMarkAsModifiedFileRemoteDeviceTypeKey = "remoteDeviceType";
+inline constexpr const char* QVHandoffForceRemoteSaveBackFileFilePathKey = "filePath";
+
 inline constexpr const char* QVHandoffDirectoryName = "com.quorvel.handoff";
 inline constexpr const char* QVHandoffErrorDomain = "com.quorvel.qvhandoff";
 
@@ -77,10 +125,134 @@ extern const QVHandoffCopyFileBlock QVHandoffManagerDefaultCopyFileBlock;
 extern const QVHandoffMoveFileBlock QVHandoffManagerDefaultMoveFileBlock;
 extern const QVHandoffFileAttributesBlock QVHandoffManagerDefaultFileAttributesBlock;
 
-class QVHandoffManager : public std::enable_shared_from_this<QVHandoffManager> {
+// Confined to the main thread except where a member says otherwise (the blocks, the local documents, the
+// two flags and the two sets of transfers are also read by connection and transfer threads).
+class QVHandoffManager : public std::enable_shared_from_this<QVHandoffManager>,
+                         public QVHandoffMetaStorageDelegate,
+                         public QVHandoffHTTPServerDelegate,
+                         public QVNetServiceBrowserDelegate,
+                         public QVNetServiceDelegate {
 public:
+  using ProgressHandler = QVHandoffDocumentInfo::ProgressHandler;
+  using CompletionHandler = QVHandoffDocumentInfo::CompletionHandler;
+  using ErrorHandler = QVHandoffDocumentInfo::ErrorHandler;
+  using ServerInfoList = std::vector<std::shared_ptr<QVHandoffServerInfo>>;
+  using MetaStorageList = std::vector<std::shared_ptr<QVHandoffMetaStorage>>;
+  using DocumentInfoSet = std::unordered_set<std::shared_ptr<QVHandoffDocumentInfo>>;
+  // (document, index, stop) -> keep the document.
+  using DocumentInfoTest = std::function<bool(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
+                                              uint64_t index, bool* stop)>;
+
   static std::shared_ptr<QVHandoffManager> defaultManager();
   static QVError internalError();
+
+  // ---- Lifecycle and service control ----
+  // Index 0 becomes the master storage. Setting the list already set does nothing.
+  void setMetaStorages(MetaStorageList metaStorages);
+  const MetaStorageList& metaStorages() const { return metaStorages_; }
+  const std::shared_ptr<QVHandoffMetaStorage>& masterStorage() const { return masterStorage_; }
+  void startHandoffService();
+  void stopHandoffService();
+  bool serviceStarted() const { return serviceStarted_; }
+  bool iCloudWasNotConfiguredOnServiceStart() const { return iCloudWasNotConfiguredOnServiceStart_; }
+  void restartServiceIfNeeded();
+  void initMetaStoragesRelatedData();
+  void invalidateMetaStoragesRelatedData();
+  void iCloudAccountStateDidChangeNotification();
+  void metaDataStorageDidChange(const std::shared_ptr<QVHandoffMetaStorage>& storage) override;
+  // 3: a desktop installation.
+  static int64_t deviceType();
+  // The host's display name, published to peers. Set by the host before the service starts.
+  static std::string productName();
+  static void setProductName(std::string productName);
+  // "_qvhandoff<service type>._tcp", or none for an empty service type.
+  static std::optional<std::string> serviceTypeFromStorage(const QVHandoffMetaStorage& storage);
+  static QVError errorFromNetServiceErrorDictionary(const QVUserInfo& errorDictionary);
+
+  // ---- Publishing ----
+  std::shared_ptr<QVHandoffHTTPServer> localServer();
+  void startPublishing();
+  void stopPublishing();
+  // After the host changed records of the list in place.
+  void updateLocalDocumentsInfo();
+  void updateLocalServerTXTData();
+  // Arrives on a DNS-SD thread.
+  void handoffHTTPServerDidPublish(QVHandoffHTTPServer& server) override;
+
+  // ---- Discovery and the registry of remote servers ----
+  void startBrowsing();
+  void stopBrowsing();
+  void netServiceBrowserDidFindService(const std::shared_ptr<QVNetServiceBrowser>& browser,
+                                       const std::shared_ptr<QVNetService>& service,
+                                       bool moreComing) override;
+  void netServiceBrowserDidRemoveService(const std::shared_ptr<QVNetServiceBrowser>& browser,
+                                         const std::shared_ptr<QVNetService>& service,
+                                         bool moreComing) override;
+  void netServiceBrowserDidNotSearch(const std::shared_ptr<QVNetServiceBrowser>& browser,
+                                     const QVUserInfo& errorDict) override;
+  void netServiceDidResolveAddress(const std::shared_ptr<QVNetService>& sender) override;
+  void netServiceDidNotResolve(const std::shared_ptr<QVNetService>& sender,
+                               const QVUserInfo& errorDict) override;
+  void netServiceDidUpdateTXTRecordData(const std::shared_ptr<QVNetService>& sender,
+                                        const QVData& data) override;
+
+  void addRemoteServerInfoForService(const std::shared_ptr<QVNetService>& service, const QVData& AES256Key);
+  void removeRemoteServerInfoForService(const std::shared_ptr<QVNetService>& service);
+  void updateServerInfoForService(const std::shared_ptr<QVNetService>& service);
+  void performTabsListHTTPRequestForServerInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
+  void stopAllOperationsForServerWithInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
+  void postServersInfoUpdateNotification();
+  // After any failed request to a peer: a refused connection forgets its address (a new resolve follows);
+  // otherwise the tabs list is fetched again while attempts remain.
+  void handleResponseError(const QVError& error,
+                           const std::shared_ptr<QVHandoffServerInfo>& fromServerWithInfo);
+
+  std::shared_ptr<QVHandoffServerInfo> remoteServerInfoForService(const QVNetService& service) const;
+  uint64_t indexOfRemoteServerInfoForService(const QVNetService& service) const;
+  std::shared_ptr<QVHandoffServerInfo> serverInfoForDeviceName(const std::string& deviceName) const;
+  std::shared_ptr<QVHandoffServerInfo>
+  serverInfoForDocumentInfo(const QVHandoffDocumentInfo& documentInfo) const;
+  // Binds a host-held copy to the live record of its device.
+  std::shared_ptr<QVHandoffServerInfo>
+  identifyServerInfoForDocumentInfo(QVHandoffDocumentInfo& documentInfo) const;
+  std::shared_ptr<QVHandoffDocumentInfo>
+  updatedRemoteDocumentInfo(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) const;
+
+  // The up-to-date live records (for the framework); hosts use the copies of remoteServersInfoPassingTest.
+  ServerInfoList remoteServersInfo() const;
+  std::optional<ServerInfoList> remoteServersInfoPassingTest(const DocumentInfoTest& test) const;
+  const ServerInfoList& serversInfo() const { return serversInfo_; }
+
+  static QVHTTPSessionManager& defaultHTTPSessionManager();
+  // "Accept-Encoding: x-quorvel-aes256" always; with a type also "Content-Type" and "Content-Encoding".
+  static void setContentType(const std::optional<std::string>& contentType, QVURLRequest& forRequest);
+  // "http://host:port"; no port part for 0 or 80; one trailing dot of the host dropped.
+  static std::string HTTPAddressForHost(const std::string& host, int64_t port);
+
+  // ---- Transfers ----
+  void handoffRemoteDocumentWithInfo(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
+                                     ProgressHandler progressHandler, CompletionHandler completionHandler,
+                                     ErrorHandler errorHandler);
+  void performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
+      const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo);
+  void cancelHandoffRemoteDocumentWithInfo(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo);
+  void saveBackFileAtPath(const std::string& path,
+                          const std::shared_ptr<QVHandoffDocumentInfo>& withDocumentInfo,
+                          ProgressHandler progressHandler, CompletionHandler completionHandler,
+                          ErrorHandler errorHandler);
+  void
+  performSaveBackHTTPRequestForDocumentWithInfo(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo);
+  void cancelSaveBackDocumentWithInfo(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo);
+  void markAsModifiedFileAtPath(const std::string& path,
+                                const std::shared_ptr<QVHandoffDocumentInfo>& withDocumentInfo);
+  void performMarkAsModifiedFileHTTPRequestForDocumentInfo(
+      const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo);
+  bool forceRemoteSaveBackForLocalFileAtPath(const std::string& path);
+  bool performForceRemoteSaveBackFileHTTPRequestForDocumentInfo(
+      const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo);
+  // Records with a download / an upload in flight; touched from transfer callbacks.
+  DocumentInfoSet handoffDocumentsInfo() const;
+  DocumentInfoSet saveBackDocumentsInfo() const;
 
   // Tagging of handed-off copies.
   static void addDocumentInfo(const QVHandoffDocumentInfo& documentInfo, const std::string& toFileAtPath);
@@ -135,7 +307,27 @@ public:
 
   void postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(const std::string& path);
 
+  ~QVHandoffManager() override;
+
 private:
+  // A hook for the host's own checks after every registry change; empty.
+  void performHandoffTests() {}
+
+  // Lifecycle and registry state (main thread).
+  MetaStorageList metaStorages_;
+  std::shared_ptr<QVHandoffMetaStorage> masterStorage_;
+  std::vector<std::shared_ptr<QVNetServiceBrowser>> serviceBrowsers_;
+  ServerInfoList serversInfo_;
+  std::shared_ptr<QVHandoffHTTPServer> localServer_;
+  std::atomic<bool> iCloudWasNotConfiguredOnServiceStart_ = false;
+  std::atomic<bool> serviceStarted_ = false;
+  QVNotificationObservation accountStateObservation_;
+
+  // Transfers in flight.
+  mutable std::mutex transfersMutex_;
+  DocumentInfoSet handoffDocumentsInfo_;
+  DocumentInfoSet saveBackDocumentsInfo_;
+
   mutable std::mutex localDocumentsMutex_;
   std::shared_ptr<const DocumentInfoList> localDocumentsInfo_ = std::make_shared<const DocumentInfoList>();
   std::atomic<uint64_t> currentLocalDocumentIndex_ = 0;
