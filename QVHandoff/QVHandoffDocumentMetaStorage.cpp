@@ -1,5 +1,6 @@
 #include "QVHandoff/QVHandoffDocumentMetaStorage.h"
 
+#include "Foundation/QVCFree.h"
 #include "Foundation/QVFileDescriptor.h"
 #include "Foundation/QVFileOperations.h"
 #include "Foundation/QVFolderWatcher.h"
@@ -23,11 +24,6 @@ QV_LOG_SOURCE("QVHandoff/QVHandoffDocumentMetaStorage")
 
 namespace {
 
-template <auto Free> struct QVCFree {
-  template <class T> void operator()(T* pointer) const noexcept {
-    if (pointer) Free(pointer);
-  }
-};
 using QVPlist = std::unique_ptr<void, QVCFree<&plist_free>>;
 using QVPlistXML = std::unique_ptr<char, QVCFree<&plist_to_xml_free>>;
 

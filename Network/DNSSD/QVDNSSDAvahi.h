@@ -2,6 +2,7 @@
 // Owning handles for Avahi's C objects and the TXT conversions both engines need. Private to the
 // Network/DNSSD sources: no public header includes it.
 
+#include "Foundation/QVCFree.h"
 #include "Foundation/QVTypes.h"
 
 #include <avahi-common/address.h>
@@ -11,12 +12,6 @@
 
 #include <memory>
 #include <string>
-
-template <auto Free> struct QVCFree {
-  template <class T> void operator()(T* p) const noexcept {
-    if (p) Free(p);
-  }
-};
 
 using QVAvahiThreadedPoll = std::unique_ptr<AvahiThreadedPoll, QVCFree<&avahi_threaded_poll_free>>;
 using QVAvahiStringList = std::unique_ptr<AvahiStringList, QVCFree<&avahi_string_list_free>>;

@@ -42,6 +42,12 @@ std::optional<std::string> QVDNSSDHostRegistry::address(const std::string& hostN
   return found->second;
 }
 
+void QVDNSSDHostRegistry::removeAddress(const std::string& hostName) {
+  Registry& state = registry();
+  std::lock_guard lock(state.mutex);
+  state.addresses.erase(normalizedHostName(hostName));
+}
+
 std::map<std::string, std::string> QVDNSSDHostRegistry::entries() {
   Registry& state = registry();
   std::lock_guard lock(state.mutex);

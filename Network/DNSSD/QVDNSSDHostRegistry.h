@@ -11,6 +11,7 @@ public:
   // Names are compared without case and without one trailing dot.
   static void setAddress(const std::string& hostName, const std::string& address);
   static std::optional<std::string> address(const std::string& hostName);
+  static void removeAddress(const std::string& hostName);
   static std::map<std::string, std::string> entries();
   static void removeAll();
 

@@ -1,5 +1,8 @@
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 
+#include "Foundation/QVCFree.h"
+#include "Network/DNSSD/QVDNSSDHostRegistry.h"
+
 #include "Foundation/QVLog.h"
 #include "Network/HTTPClient/QVHTTPURLResponse.h"
 #include "Network/HTTPClient/QVURLRequest.h"
@@ -22,11 +25,6 @@ QV_LOG_SOURCE("HTTPClient/QVHTTPSessionManager")
 
 namespace {
 
-template <auto Free> struct QVCFree {
-  template <class T> void operator()(T* p) const noexcept {
-    if (p) Free(p);
-  }
-};
 using QVCurlEasy = std::unique_ptr<CURL, QVCFree<&curl_easy_cleanup>>;
 using QVCurlMulti = std::unique_ptr<CURLM, QVCFree<&curl_multi_cleanup>>;
 using QVCurlSlist = std::unique_ptr<curl_slist, QVCFree<&curl_slist_free_all>>;
@@ -72,25 +70,6 @@ int64_t URLErrorCodeForResult(CURLcode result) {
   default:
     return kUnknownErrorCode;
   }
-}
-
-// The key of the host table: peers report names with a trailing dot and in any case.
-std::string normalizedHost(std::string_view host) {
-  if (host.ends_with('.')) host.remove_suffix(1);
-  std::string key(host);
-  std::transform(key.begin(), key.end(), key.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return key;
-}
-
-struct HostTable {
-  std::mutex mutex;
-  std::map<std::string, std::string> addresses;
-};
-
-HostTable& hostTable() {
-  static HostTable table;
-  return table;
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -584,18 +563,12 @@ void QVHTTPSessionManager::setDataTaskDidReceiveResponseBlock(DataTaskDidReceive
 }
 
 void QVHTTPSessionManager::setAddressForHost(const std::string& host, const std::string& address) {
-  HostTable& table = hostTable();
-  std::lock_guard lock(table.mutex);
   if (address.empty())
-    table.addresses.erase(normalizedHost(host));
+    QVDNSSDHostRegistry::removeAddress(host);
   else
-    table.addresses[normalizedHost(host)] = address;
+    QVDNSSDHostRegistry::setAddress(host, address);
 }
 
 std::optional<std::string> QVHTTPSessionManager::addressForHost(const std::string& host) {
-  HostTable& table = hostTable();
-  std::lock_guard lock(table.mutex);
-  const auto found = table.addresses.find(normalizedHost(host));
-  if (found == table.addresses.end()) return std::nullopt;
-  return found->second;
+  return QVDNSSDHostRegistry::address(host);
 }
