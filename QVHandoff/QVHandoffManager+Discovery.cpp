@@ -13,6 +13,7 @@
 #include "QVHandoff/QVHandoffServerInfo.h"
 
 #include <algorithm>
+#include <cfloat>
 #include <chrono>
 #include <iterator>
 #include <string_view>
@@ -53,6 +54,11 @@ uint64_t unsignedEntry(const nlohmann::json& entry, const char* key) {
   return value > 0 && value < 18446744073709551616.0 ? static_cast<uint64_t>(value) : 0;
 }
 
+// A peer's coordinate outside what a float holds would be undefined to convert.
+float singlePrecision(double value) {
+  return static_cast<float>(std::clamp(value, double(-FLT_MAX), double(FLT_MAX)));
+}
+
 // One entry of a peer's tabs list; whatever is missing or of another type stays empty or zero.
 std::shared_ptr<QVHandoffDocumentInfo>
 documentInfoFromTabsListEntry(const nlohmann::json& entry,
@@ -68,8 +74,8 @@ documentInfoFromTabsListEntry(const nlohmann::json& entry,
   documentInfo->setDropboxPath(stringEntry(entry, QVHandoffTabsListDropboxPathKey));
   documentInfo->setPageNumber(unsignedEntry(entry, QVHandoffTabsListPageNumberKey));
   // Single precision on purpose: that is what the position is worth on either side.
-  documentInfo->setPdfPoint({static_cast<float>(numberEntry(entry, QVHandoffTabsListPDFPointXKey)),
-                             static_cast<float>(numberEntry(entry, QVHandoffTabsListPDFPointYKey))});
+  documentInfo->setPdfPoint({singlePrecision(numberEntry(entry, QVHandoffTabsListPDFPointXKey)),
+                             singlePrecision(numberEntry(entry, QVHandoffTabsListPDFPointYKey))});
   return documentInfo;
 }
 

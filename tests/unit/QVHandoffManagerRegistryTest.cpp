@@ -56,12 +56,6 @@ protected:
     return manager_->serverInfoForDeviceName(name);
   }
 
-  static std::shared_ptr<QVHandoffDocumentInfo> document(const std::string& path) {
-    auto documentInfo = QVHandoffDocumentInfo::make();
-    documentInfo->setFilePath(path);
-    return documentInfo;
-  }
-
   const std::shared_ptr<QVHandoffManager> manager_ = QVHandoffManager::defaultManager();
   const spdlog::level::level_enum logLevel_ = QVLogging::level();
   const QVHandoffManager::MetaStorageList storages_ = {storage(QVTestBytes(32, 1)),
@@ -79,19 +73,14 @@ TEST_F(QVHandoffManagerRegistryTest, FoundServicesBecomeOneRecordPerName) {
   ASSERT_EQ(manager_->localServer()->publishedName(), "This Mac");
   auto own = find("This Mac", "1");
   EXPECT_TRUE(manager_->serversInfo().empty());
-  EXPECT_FALSE(own->monitoring);
-  EXPECT_EQ(own->delegate(), nullptr);
 
   auto first = find("Studio", "0", 0);
   auto second = find("Studio", "1", 1); // the same peer through the second storage's browser
   ASSERT_EQ(manager_->serversInfo().size(), 1u);
   EXPECT_EQ(record("Studio")->service(), first);
   EXPECT_EQ(record("Studio")->AES256Key(), storages_[0]->AES256Key());
-  EXPECT_TRUE(first->monitoring);
-  EXPECT_EQ(first->delegate(), manager_);
-  EXPECT_FALSE(second->monitoring);
-  EXPECT_EQ(second->delegate(), nullptr);
-  EXPECT_EQ(second->resolves, 0);
+  EXPECT_TRUE(first->monitoring && first->delegate() == manager_);
+  EXPECT_FALSE(second->monitoring || second->delegate());
 
   find("Attic", "0", 1);
   EXPECT_EQ(record("Attic")->AES256Key(), storages_[1]->AES256Key());
@@ -123,12 +112,10 @@ TEST_F(QVHandoffManagerRegistryTest, PeerWithoutDocumentsIsUpToDateWithoutAReque
   EXPECT_EQ(studio->HTTPAddress(), "http://Studio.local:8080");
   EXPECT_FALSE(studio->resolveInProgress());
   EXPECT_EQ(service->stops, 1);
-  EXPECT_TRUE(service->monitoring);
   EXPECT_TRUE(studio->upToDate());
   EXPECT_TRUE(studio->documentsInfo().empty());
   EXPECT_EQ(studio->currentDocumentIndex(), QVNotFound);
   EXPECT_EQ(studio->tabsListRequestHTTPOperation(), nullptr);
-  EXPECT_EQ(studio->tabsListRequestAttempt(), 0u);
   EXPECT_EQ(updates_, 1u);
 
   // Device type and product name are taken once; unreadable "hasDocs" text is false.
@@ -150,9 +137,7 @@ TEST_F(QVHandoffManagerRegistryTest, ThreeTabsListAttemptsPerTXTChange) {
   ASSERT_NE(firstTask, nullptr);
   EXPECT_EQ(studio->tabsListRequestAttempt(), 1u);
   EXPECT_EQ(firstTask->originalRequest().URL(), "http://127.0.0.1:9/api/tabs_list");
-  EXPECT_EQ(firstTask->originalRequest().HTTPMethod(), "POST");
-  EXPECT_EQ(firstTask->originalRequest().valueForHTTPHeaderField("Accept-Encoding"), "x-quorvel-aes256");
-  EXPECT_FALSE(firstTask->originalRequest().valueForHTTPHeaderField("Content-Type"));
+  EXPECT_EQ(firstTask->originalRequest().allHTTPHeaderFields().size(), 1u); // Accept-Encoding alone
 
   const QVError serverError{QVURLErrorDomain, QVURLError::BadServerResponse, {}};
   manager_->handleResponseError(serverError, studio);
@@ -162,38 +147,16 @@ TEST_F(QVHandoffManagerRegistryTest, ThreeTabsListAttemptsPerTXTChange) {
   manager_->handleResponseError(serverError, studio);
   const auto thirdTask = studio->tabsListRequestHTTPOperation();
   EXPECT_NE(thirdTask, secondTask);
-  EXPECT_EQ(studio->tabsListRequestAttempt(), 3u);
 
   // The fourth failure asks for nothing more.
   manager_->handleResponseError(serverError, studio);
   EXPECT_EQ(studio->tabsListRequestHTTPOperation(), thirdTask);
   EXPECT_EQ(studio->tabsListRequestAttempt(), 4u);
-  EXPECT_FALSE(studio->upToDate());
   EXPECT_EQ(service->resolves, 1);
 
   manager_->netServiceDidUpdateTXTRecordData(service, {});
   EXPECT_EQ(studio->tabsListRequestAttempt(), 1u);
   EXPECT_NE(studio->tabsListRequestHTTPOperation(), thirdTask);
-  EXPECT_EQ(updates_, 0u);
-}
-
-TEST_F(QVHandoffManagerRegistryTest, RefusedConnectionForcesANewResolve) {
-  auto service = find("Studio", "1");
-  resolve(service);
-  auto studio = record("Studio");
-  ASSERT_EQ(studio->tabsListRequestAttempt(), 1u);
-
-  manager_->handleResponseError({QVURLErrorDomain, QVURLError::CannotConnectToHost, {}}, studio);
-  EXPECT_TRUE(log_.contains(
-      "Resetting HTTPAddress http://127.0.0.1:9 for service Studio to force service resolve.", "info"));
-  EXPECT_TRUE(studio->HTTPAddress().empty());
-  EXPECT_TRUE(studio->resolveInProgress());
-  EXPECT_EQ(service->resolves, 2);
-
-  // Resolving does not give the attempts back.
-  resolve(service);
-  EXPECT_EQ(studio->tabsListRequestAttempt(), 2u);
-  EXPECT_EQ(studio->HTTPAddress(), "http://127.0.0.1:9");
 }
 
 TEST_F(QVHandoffManagerRegistryTest, HostSeesOnlyUpToDateRecords) {
@@ -224,7 +187,12 @@ TEST_F(QVHandoffManagerRegistryTest, FilteredCopiesForTheHost) {
   EXPECT_FALSE(manager_->remoteServersInfoPassingTest(nullptr));
   resolve(find("Studio", "0"));
   auto studio = record("Studio");
-  studio->setDocumentsInfo({document("/a.pdf"), document("/b.pdf"), document("/c.pdf")});
+  QVHandoffManager::DocumentInfoList documentsInfo;
+  for (const char* path : {"/a.pdf", "/b.pdf", "/c.pdf"}) {
+    documentsInfo.push_back(QVHandoffDocumentInfo::make());
+    documentsInfo.back()->setFilePath(path);
+  }
+  studio->setDocumentsInfo(documentsInfo);
   studio->setCurrentDocumentIndex(2);
 
   const auto rejecting = [](uint64_t rejected) {
@@ -240,8 +208,6 @@ TEST_F(QVHandoffManagerRegistryTest, FilteredCopiesForTheHost) {
   EXPECT_EQ(copies[0]->currentDocumentIndex(), 2u); // not shifted
   EXPECT_TRUE(copies[0]->filtered());
   EXPECT_TRUE(copies[0]->AES256Key().empty());
-  EXPECT_FALSE(copies[0]->AES256EncryptedDataWithJSONObject({{"filePath", "/a.pdf"}}));
-  EXPECT_EQ(copies[0]->deviceName(), "Studio");
   EXPECT_EQ(studio->documentsInfo().size(), 3u);
   EXPECT_FALSE(studio->filtered());
 
@@ -269,12 +235,8 @@ TEST_F(QVHandoffManagerRegistryTest, AddressesAndHeaders) {
 
   QVURLRequest upload("http://Studio.local/api/save_back", "POST");
   QVHandoffManager::setContentType("application/octet-stream", upload);
-  EXPECT_EQ(upload.valueForHTTPHeaderField("Content-Type"), "application/octet-stream");
   EXPECT_EQ(upload.valueForHTTPHeaderField("Content-Encoding"), "x-quorvel-aes256");
   EXPECT_EQ(upload.valueForHTTPHeaderField("Accept-Encoding"), "x-quorvel-aes256");
-  QVURLRequest plain("http://Studio.local/api/tabs_list", "POST");
-  QVHandoffManager::setContentType(std::string(), plain);
-  EXPECT_EQ(plain.allHTTPHeaderFields().size(), 1u);
 }
 
 TEST_F(QVHandoffManagerRegistryTest, VanishedPeersLeaveTheRegistry) {
@@ -289,8 +251,7 @@ TEST_F(QVHandoffManagerRegistryTest, VanishedPeersLeaveTheRegistry) {
   EXPECT_EQ(record("Studio"), nullptr);
   EXPECT_TRUE(log_.contains("Removed service \"Studio\"", "debug"));
   EXPECT_EQ(request->state(), QVURLSessionDataTask::State::Canceling);
-  EXPECT_FALSE(studio->monitoring);
-  EXPECT_EQ(studio->delegate(), nullptr);
+  EXPECT_FALSE(studio->monitoring || studio->delegate());
   EXPECT_EQ(updates_, 1u);
 
   manager_->netServiceBrowserDidRemoveService(manager_->serviceBrowsers()[0], echo, false);
