@@ -142,16 +142,6 @@ std::string stringValue(const nlohmann::json& object, const char* key) {
 
 } // namespace
 
-QVHandoffManager::DocumentInfoSet QVHandoffManager::handoffDocumentsInfo() const {
-  std::lock_guard lock(transfersMutex_);
-  return handoffDocumentsInfo_;
-}
-
-QVHandoffManager::DocumentInfoSet QVHandoffManager::saveBackDocumentsInfo() const {
-  std::lock_guard lock(transfersMutex_);
-  return saveBackDocumentsInfo_;
-}
-
 // MARK: Handoff of a remote document
 
 void QVHandoffManager::handoffRemoteDocumentWithInfo(
@@ -408,6 +398,28 @@ void QVHandoffManager::postDidFailSaveBackRemoteDocumentNotificationForLocalFile
 }
 
 // MARK: Mark as modified and force remote save back
+
+void QVHandoffManager::markAsModifiedFileAtPath(
+    const std::string& path, const std::shared_ptr<QVHandoffDocumentInfo>& withDocumentInfo) {
+  QV_ASSERT_MAIN_THREAD();
+  const auto& documentInfo = withDocumentInfo;
+  if (!documentInfo) {
+    QV_LOG_ERROR("Couldn't initiate mark as modified file, documentInfo == nil");
+    return;
+  }
+  if (!QVFileExists(path)) {
+    QV_LOG_ERROR("Couldn't initiate mark as modified file, file not exists at path ({})", path);
+    return;
+  }
+  const auto server = localServer();
+  if (!server || !server->isRunning()) {
+    QV_LOG_WARN("Couldn't mark as modified file, since local server is not running");
+    return;
+  }
+  documentInfo->setRemoteDeviceName(server->publishedName());
+  documentInfo->setRemoteFilePath(path);
+  performMarkAsModifiedFileHTTPRequestForDocumentInfo(documentInfo);
+}
 
 void QVHandoffManager::performMarkAsModifiedFileHTTPRequestForDocumentInfo(
     const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) {
