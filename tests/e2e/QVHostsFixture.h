@@ -58,6 +58,14 @@ inline std::string quoted(const std::string& text) {
   return "\"" + text + "\"";
 }
 
+// A notification whose userInfo holds `value` under `key`.
+inline QVChildProcess::Match notification(const std::string& name, const std::string& key,
+                                          const Json& value) {
+  return [=](const Json& e) {
+    return e.value("event", "") == name && e["userInfo"].contains(key) && e["userInfo"][key] == value;
+  };
+}
+
 } // namespace QVHosts
 
 class QVHostsFixture : public ::testing::Test {
