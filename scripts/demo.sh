@@ -28,7 +28,9 @@ say() {
   printf '\n\033[1m%d. %s\033[0m\n' "$step" "$1"
 }
 tell() { printf '   %s\n' "$@"; }
-show_file() { tell "$1 now reads: \"$(tr '\n' ' ' <"$1" | sed 's/ $//')\""; }
+# Paths below the scratch folder, without it.
+short() { echo "${1#"$HOSTS_WORK"/}"; }
+show_file() { tell "$(short "$1") now reads: \"$(tr '\n' ' ' <"$1" | sed 's/ $//')\""; }
 notice() { tell "$1 was told: $(jq -r .event <<<"$2" | sed 's/^QVHandoffManager//; s/Notification$//')"; }
 
 hosts_create 2
@@ -39,7 +41,8 @@ printf 'Quarterly report, first draft.\n' >"$docs/Report.txt"
 printf 'Meeting notes.\n' >"$docs/Notes.txt"
 
 say "Two computers, A and B, share one synced folder"
-tell "The folder $container stands for a folder that a sync client keeps equal on both computers." \
+tell "Everything of this demo lives in $HOSTS_WORK; paths below are shown without it." \
+  "The folder $(short "$container") stands for a folder that a sync client keeps equal on both computers." \
   "The first installation to start writes a shared key there; only installations that read the same" \
   "key find each other and can read each other's transfers."
 
@@ -54,18 +57,19 @@ tell "A announces itself on the network as \"$name_a\", B as \"$name_b\"." \
 say "B finds A and sees which documents are open there"
 listed=$(host_wait B ".event == \"QVHandoffManagerDidUpdateServersInfoNotification\" and
   any(.peers[]; .device == \"$name_a\" and (.documents | length) == 2)" 20)
-jq -r --arg a "$name_a" '.peers[] | select(.device == $a) | .documents[] |
-  "   on A: \(.path)  (\(.size) bytes)\(if .active then "  <- the one in front" else "" end)"' <<<"$listed"
+jq -r --arg a "$name_a" --arg w "$HOSTS_WORK/" '.peers[] | select(.device == $a) | .documents[] |
+  "   on A: \(.path | ltrimstr($w))  (\(.size) bytes)\(if .active then "  <- the one in front" else "" end)"' <<<"$listed"
 
 say "Handoff: B asks A for Report.txt"
 mark_a=$(host_mark A)
 host_send B "get \"$name_a\" \"$docs/Report.txt\""
 copy=$(host_wait B '.event == "handoffCompleted"' 30 | jq -r .localPath)
 notice "A" "$(host_wait A '.event == "QVHandoffManagerWillHandoffLocalDocumentNotification"' 10 "$mark_a")"
-tell "B now has its own copy: $copy"
+tell "B now has its own copy, in B's cache folder: $(short "$copy")"
 show_file "$copy"
 tell "The copy remembers where it came from (qvhandoff info):"
-host_tool B info "$copy" | jq -r '"     from \(.device): \(.path), \(.size) bytes, modified \(.modified)"'
+host_tool B info "$copy" | jq -r --arg w "$HOSTS_WORK/" \
+  '"     from \(.device): \(.path | ltrimstr($w)), \(.size) bytes, modified \(.modified)"'
 
 say "B edits its copy and saves it back"
 printf 'Quarterly report, second draft, written on B.\n' >"$copy"
@@ -73,7 +77,7 @@ mark_a=$(host_mark A)
 host_send B "save-back \"$copy\""
 landed=$(host_wait B ".event == \"saveBackCompleted\"" 30 | jq -r .path)
 notice "A" "$(host_wait A '.event == "QVHandoffManagerDidSaveBackRemoteDocumentNotification"' 10 "$mark_a")"
-tell "The copy went back over the original: $landed"
+tell "The copy went back over the original: $(short "$landed")"
 show_file "$docs/Report.txt"
 
 say "Both sides change the document before the next save back"
@@ -91,7 +95,7 @@ say "Mark as modified, and a save back that A asks for"
 mark_b=$(host_mark B)
 host_send B "get \"$name_a\" \"$docs/Report.txt\""
 fresh=$(host_wait B '.event == "handoffCompleted"' 30 "$mark_b" | jq -r .localPath)
-tell "B takes a fresh copy ($fresh), edits it, and tells A that it holds a modified copy."
+tell "B takes a fresh copy ($(short "$fresh")), edits it, and tells A that it holds a modified copy."
 printf 'Quarterly report, fourth draft, from B on request.\n' >"$fresh"
 mark_a=$(host_mark A)
 host_send B "mark-modified \"$fresh\""

@@ -55,8 +55,8 @@ host_send() {
 host_mark() { wc -l <"$HOSTS_WORK/$1.events"; }
 
 host_wait() {
-  local letter=$1 filter=$2 seconds=$3 mark=${4:-0} line
-  for _ in $(seq 1 $((seconds * 20))); do
+  local letter=$1 filter=$2 seconds=$3 mark=${4:-0} line deadline=$((SECONDS + $3))
+  while [ "$SECONDS" -le "$deadline" ]; do
     line=$(tail -n +"$((mark + 1))" "$HOSTS_WORK/$letter.events" | jq -c "select($filter)" 2>/dev/null | head -1)
     if [ -n "$line" ]; then
       echo "$line"

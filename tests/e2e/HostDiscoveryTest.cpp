@@ -2,6 +2,7 @@
 
 #include "QVHostsFixture.h"
 
+#include <csignal>
 #include <map>
 #include <set>
 #include <sstream>
@@ -32,9 +33,10 @@ TEST_F(HostDiscoveryTest, PeersListEachOthersDocumentsAndFollowEveryChange) {
   const std::string plan = document(1, "Plan.txt", "plan");
   // Another user: a folder of its own, so another service type and key.
   auto& stranger = serve(2, {document(2, "Secret.txt", "secret")}, container("stranger"));
+  // The first host makes the key; the next one finds it in the folder.
   auto& a = serve(0, {report, notes}, container());
-  auto& b = serve(1, {plan}, container());
   const std::string nameA = publishedName(a);
+  auto& b = serve(1, {plan}, container());
   const std::string nameB = publishedName(b);
   const std::string nameC = publishedName(stranger);
   ASSERT_FALSE(nameA.empty() || nameB.empty() || nameC.empty()) << "a host was not published";
@@ -104,8 +106,8 @@ TEST_F(HostDiscoveryTest, DaemonModeHostsListEachOtherAndPublishTheFourTXTKeys) 
   const std::string report = document(0, "Report.txt", "report");
   const std::string plan = document(1, "Plan.txt", "plan");
   auto& a = serve(0, {report}, container(), &daemonsA);
-  auto& b = serve(1, {plan}, container(), &daemonsB);
   const std::string nameA = publishedName(a);
+  auto& b = serve(1, {plan}, container(), &daemonsB);
   const std::string nameB = publishedName(b);
   ASSERT_FALSE(nameA.empty() || nameB.empty()) << "a host was not published";
   // The daemons keep the machine's names apart: each host is published under its daemon's host name.
@@ -149,4 +151,42 @@ TEST_F(HostDiscoveryTest, DaemonModeHostsListEachOtherAndPublishTheFourTXTKeys) 
   // "_qvhandoff" and a UUID make the first label of the type.
   EXPECT_EQ(fields[4].find('.'), 46u) << fields[4];
   EXPECT_EQ(fields[4].substr(46), "._tcp");
+}
+
+TEST_F(HostDiscoveryTest, APeerThatRefusesConnectionsIsResolvedAgainAndListedOnceBack) {
+  ASSERT_TRUE(makeHosts(2));
+  const std::string report = document(0, "Report.txt", "report");
+  const std::string notes = document(0, "Notes.txt", "notes");
+  auto* a = &serve(0, {report}, container());
+  const std::string nameA = publishedName(*a);
+  auto& b = serve(1, {}, container());
+  ASSERT_FALSE(nameA.empty());
+  ASSERT_TRUE(waitForPeers(b, lists(nameA, {report}, 0)));
+
+  // Killed, A says no goodbye: its service stays announced while its port refuses connections.
+  ASSERT_EQ(kill(a->pid(), SIGKILL), 0);
+  ASSERT_TRUE(a->waitForExit(kDiscovery));
+  size_t mark = b.eventCount();
+  b.send("get " + quoted(nameA) + " " + quoted(report));
+  const auto failed = b.waitFor(event("handoffFailed"), kDiscovery, mark);
+  ASSERT_TRUE(failed) << "the handoff from a dead peer did not fail";
+  EXPECT_EQ((*failed)["error"]["code"], -1004);
+  // Its list is no longer current, so the host does not offer it.
+  b.send("peers");
+  const auto peers = b.waitFor(event("peers"), kDiscovery, mark);
+  ASSERT_TRUE(peers);
+  EXPECT_FALSE(peer((*peers)["peers"], nameA)) << (*peers)["peers"];
+
+  // Back under the same name on another port: the stale address is refused, resolved again, and A is
+  // listed with what it has open now.
+  mark = b.eventCount();
+  a = &serve(0, {notes}, container());
+  EXPECT_EQ(publishedName(*a), nameA);
+  EXPECT_TRUE(waitForPeers(b, lists(nameA, {notes}, 0), mark)) << "A was not listed again";
+
+  std::ifstream file(work_.file("B-1.log"));
+  const std::string log(std::istreambuf_iterator<char>(file), {});
+  EXPECT_NE(log.find("Resetting HTTPAddress"), std::string::npos);
+  // A refusing peer costs a bounded number of requests, not a busy loop.
+  EXPECT_EQ(log.find("request (4)"), std::string::npos);
 }

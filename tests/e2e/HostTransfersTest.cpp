@@ -31,8 +31,8 @@ TEST_F(HostTransfersTest, HandoffEditSaveBackConflictMarkAndForceSaveBack) {
   ASSERT_TRUE(makeHosts(2));
   const std::string original = document(0, "Report.txt", "version 1 from A\n");
   auto& a = serve(0, {original}, container());
-  auto& b = serve(1, {}, container());
   const std::string nameA = publishedName(a);
+  auto& b = serve(1, {}, container());
   const std::string nameB = publishedName(b);
   ASSERT_FALSE(nameA.empty() || nameB.empty()) << "a host was not published";
   ASSERT_TRUE(waitForPeers(b, lists(nameA, {original}, 0))) << "B never listed A's document";
