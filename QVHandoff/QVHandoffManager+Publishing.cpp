@@ -1,8 +1,55 @@
+#include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffManager.h"
+#include "QVHandoff/QVHandoffMessageCodec.h"
 
+#include <chrono>
 #include <utility>
+
+QV_LOG_SOURCE("QVHandoff/QVHandoffManager")
+
+namespace {
+
+QVData bytes(const std::string& text) {
+  return QVData(text.begin(), text.end());
+}
+
+} // namespace
+
+std::shared_ptr<QVHandoffHTTPServer> QVHandoffManager::localServer() {
+  if (!localServer_) {
+    localServer_ = std::make_shared<QVHandoffHTTPServer>();
+    localServer_->setDelegate(weak_from_this().lock());
+  }
+  return localServer_;
+}
+
+void QVHandoffManager::startPublishing() {
+  QV_ASSERT_MAIN_THREAD();
+  const auto server = localServer();
+  // Never restarted in place: a running server keeps its publication.
+  if (server->isRunning()) return;
+  if (!masterStorage_) return;
+  const auto type = serviceTypeFromStorage(*masterStorage_);
+  if (!type) return;
+  updateLocalServerTXTData();
+  server->setType(*type);
+  QVError error;
+  if (!server->start(&error) && !error.domain.empty()) {
+    QV_LOG_ERROR("Error starting HTTP server {}", error.description());
+  }
+}
+
+void QVHandoffManager::stopPublishing() {
+  QV_ASSERT_MAIN_THREAD();
+  localServer()->stop();
+}
+
+void QVHandoffManager::handoffHTTPServerDidPublish(QVHandoffHTTPServer&) {
+  // A confirmation that arrives after a stop starts nothing.
+  if (serviceStarted_) startBrowsing();
+}
 
 std::shared_ptr<const QVHandoffManager::DocumentInfoList> QVHandoffManager::localDocumentsInfo() const {
   std::lock_guard lock(localDocumentsMutex_);
@@ -26,13 +73,30 @@ void QVHandoffManager::setLocalDocumentsInfo(std::shared_ptr<const DocumentInfoL
       documentInfo->setRemoteFilePath(oldDocumentInfo->remoteFilePath());
     }
   }
-  // The TXT record is refreshed here once the local server is published.
+  updateLocalServerTXTData();
 }
 
 void QVHandoffManager::setCurrentLocalDocumentIndex(uint64_t index) {
   QV_ASSERT_MAIN_THREAD();
   if (currentLocalDocumentIndex_.exchange(index) == index) return;
-  // The TXT record is refreshed here once the local server is published.
+  // The index travels in the tabs list only; a new date mark makes peers fetch it again.
+  updateLocalServerTXTData();
+}
+
+void QVHandoffManager::updateLocalDocumentsInfo() {
+  updateLocalServerTXTData();
+}
+
+void QVHandoffManager::updateLocalServerTXTData() {
+  const bool hasDocuments = !localDocumentsInfo()->empty();
+  const auto now = std::chrono::system_clock::now();
+  localServer()->setTXTRecordDictionary({
+      {QVHandoffServerHasOpenedDocumentsKey, bytes(hasDocuments ? "1" : "0")},
+      {QVHandoffServerDeviceTypeKey,
+       bytes(QVHandoffMessageCodec::numberFormatter().stringFromNumber(static_cast<uint64_t>(deviceType())))},
+      {QVHandoffServerProductNameKey, bytes(productName())},
+      {QVHandoffServerDateMarkKey, bytes(QVHandoffMessageCodec::dateFormatter().stringFromDate(now))},
+  });
 }
 
 std::shared_ptr<QVHandoffDocumentInfo>

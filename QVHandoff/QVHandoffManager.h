@@ -151,6 +151,10 @@ public:
   void setMetaStorages(MetaStorageList metaStorages);
   const MetaStorageList& metaStorages() const { return metaStorages_; }
   const std::shared_ptr<QVHandoffMetaStorage>& masterStorage() const { return masterStorage_; }
+  // One per meta storage, same index.
+  const std::vector<std::shared_ptr<QVNetServiceBrowser>>& serviceBrowsers() const {
+    return serviceBrowsers_;
+  }
   void startHandoffService();
   void stopHandoffService();
   bool serviceStarted() const { return serviceStarted_; }

@@ -39,9 +39,9 @@ public:
   std::string type() const;
   std::string domain() const;
   // -1 until resolved, for a found service.
-  int64_t port() const;
+  virtual int64_t port() const;
   // Known once resolved ("Host.local"), empty before.
-  std::string hostName() const;
+  virtual std::string hostName() const;
   std::vector<std::string> addresses() const;
 
   std::shared_ptr<QVNetServiceDelegate> delegate() const;
@@ -49,15 +49,15 @@ public:
 
   // The TXT record (wire format). Setting it replaces a published record at once and is kept for a
   // publication to come; false when the engine refused the update.
-  QVData TXTRecordData() const;
+  virtual QVData TXTRecordData() const;
   bool setTXTRecordData(const QVData& data);
 
   void publish();
-  void resolveWithTimeout(std::chrono::milliseconds timeout);
+  virtual void resolveWithTimeout(std::chrono::milliseconds timeout);
   // Ends a publication or a resolve; TXT monitoring goes on.
-  void stop();
-  void startMonitoring();
-  void stopMonitoring();
+  virtual void stop();
+  virtual void startMonitoring();
+  virtual void stopMonitoring();
 
   // RFC 6763 TXT record data <-> key -> value bytes. A key without "=" has an empty value; the first of
   // several equal keys wins; empty strings are skipped.
@@ -68,7 +68,8 @@ public:
   static QVUserInfo errorDictionary(int64_t code);
 
 protected:
-  // For stand-ins that only answer name() and description().
+  // For stand-ins: they answer name() and description(), and override whatever else of a peer's
+  // service they play (TXT record, resolve, monitoring) so that no DNS-SD engine starts.
   QVNetService();
 
 private:

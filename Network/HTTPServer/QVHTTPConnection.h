@@ -3,9 +3,10 @@
 // that connection's own thread, for each request in this order:
 //   supportsMethod -> expectsRequestBodyFromMethod -> prepareForBodyWithSize -> processBodyData (0..n)
 //   -> finishBody -> httpResponseForMethod -> preprocessResponse
-// and die() once when the connection closes. A method that is not supported is answered 405; a request
-// without a response is answered 404; neither of those answers goes through preprocessResponse. A body
-// sent with a request that expects none drops the connection.
+// and die() once when the connection closes, on one of the server's own threads once this connection's
+// thread is done with it. A method that is not supported is answered 405; a request without a response
+// is answered 404; neither of those answers goes through preprocessResponse. A body sent with a request
+// that expects none drops the connection.
 // Paths and URIs are the request target as received: not percent-decoded, query string included.
 // Range headers are ignored: every response is sent whole.
 

@@ -82,8 +82,8 @@ protected:
     return journal_.take();
   }
 
+  ProbeConnection::Journal journal_; // outlives the server: connections die into it until it stops
   QVHTTPServer server_;
-  ProbeConnection::Journal journal_;
 };
 
 TEST_F(HTTPServerTest, CallbacksComeInOrderWithEveryPieceOfTheBody) {

@@ -1,0 +1,49 @@
+#pragma once
+// A peer's service played without DNS-SD: it answers what a resolve and the TXT monitor would have
+// told, and counts the resolves, stops and monitoring it is asked for. Nothing here starts an engine.
+
+#include "Network/DNSSD/QVNetService.h"
+
+#include <chrono>
+#include <string>
+
+class QVStandInNetService : public QVNetService {
+public:
+  explicit QVStandInNetService(std::string name) : name_(std::move(name)) {}
+
+  std::string name() const override { return name_; }
+  std::string description() const override { return "<QVStandInNetService " + name_ + ">"; }
+  std::string hostName() const override { return hostName_; }
+  int64_t port() const override { return port_; }
+  QVData TXTRecordData() const override { return TXT_; }
+  void resolveWithTimeout(std::chrono::milliseconds timeout) override {
+    ++resolves;
+    resolveTimeout = timeout;
+  }
+  void stop() override { ++stops; }
+  void startMonitoring() override { monitoring = true; }
+  void stopMonitoring() override { monitoring = false; }
+
+  void setTXTRecord(const QVTXTRecordDictionary& dictionary) {
+    TXT_ = QVNetService::dataFromTXTRecordDictionary(dictionary).value_or(QVData());
+  }
+  void setResolvedAddress(std::string hostName, int64_t port) {
+    hostName_ = std::move(hostName);
+    port_ = port;
+  }
+
+  int resolves = 0;
+  int stops = 0;
+  bool monitoring = false;
+  std::chrono::milliseconds resolveTimeout{0};
+
+private:
+  std::string name_;
+  std::string hostName_;
+  int64_t port_ = -1;
+  QVData TXT_;
+};
+
+inline QVData QVTXTValue(const std::string& text) {
+  return QVData(text.begin(), text.end());
+}
