@@ -1,0 +1,192 @@
+// Installations of the host find each other through DNS-SD and follow each other's open documents.
+
+#include "QVHostsFixture.h"
+
+#include <csignal>
+#include <map>
+#include <set>
+#include <sstream>
+
+using namespace QVHosts;
+
+namespace {
+
+const char* const kServersInfo = "QVHandoffManagerDidUpdateServersInfoNotification";
+
+// Whether any servers notification of `events` listed `device`.
+bool everListed(const std::vector<Json>& events, const std::string& device) {
+  for (const auto& e : events) {
+    if (e.value("event", "") == kServersInfo && peer(e["peers"], device)) return true;
+  }
+  return false;
+}
+
+} // namespace
+
+class HostDiscoveryTest : public QVHostsFixture {};
+
+TEST_F(HostDiscoveryTest, PeersListEachOthersDocumentsAndFollowEveryChange) {
+  ASSERT_TRUE(makeHosts(3));
+  const std::string report = document(0, "Report 2026.pdf", "%PDF-1.4 report");
+  const std::string notes = document(0, "Notes.txt", "notes");
+  const std::string later = document(0, "Later.txt", "opened later");
+  const std::string plan = document(1, "Plan.txt", "plan");
+  // Another user: a folder of its own, so another service type and key.
+  auto& stranger = serve(2, {document(2, "Secret.txt", "secret")}, container("stranger"));
+  // The first host makes the key; the next one finds it in the folder.
+  auto& a = serve(0, {report, notes}, container());
+  const std::string nameA = publishedName(a);
+  auto& b = serve(1, {plan}, container());
+  const std::string nameB = publishedName(b);
+  const std::string nameC = publishedName(stranger);
+  ASSERT_FALSE(nameA.empty() || nameB.empty() || nameC.empty()) << "a host was not published";
+
+  const auto atB = waitForPeers(b, lists(nameA, {report, notes}, 0));
+  ASSERT_TRUE(atB) << "B never listed A's documents";
+  const Json& listed = *peer((*atB)["peers"], nameA);
+  EXPECT_EQ(listed["productName"], "Host A");
+  EXPECT_EQ(listed["deviceType"], 3);
+  EXPECT_EQ(listed["documents"][0]["active"], true);
+  EXPECT_EQ(listed["documents"][1]["active"], false);
+  EXPECT_EQ(listed["documents"][0]["size"], 15);
+  EXPECT_EQ(listed["documents"][0]["contentType"], "application/pdf");
+  EXPECT_EQ(listed["documents"][0]["device"], nameA);
+  EXPECT_TRUE(waitForPeers(a, lists(nameB, {plan}, 0))) << "A never listed B's document";
+
+  // The front document changes: B is told which one it is now.
+  size_t mark = b.eventCount();
+  a.send("activate 1");
+  const auto active = b.waitFor(
+      [&](const Json& e) {
+        return e.value("event", "") == "QVHandoffManagerDidChangeActiveRemoteDocumentNotification" &&
+               e["userInfo"]["QVHandoffManagerDocumentInfoKey"]["path"] == notes;
+      },
+      kDiscovery, mark);
+  EXPECT_TRUE(active) << "no active-document notice for " << notes;
+  EXPECT_TRUE(waitForPeers(b, lists(nameA, {report, notes}, 1), mark));
+
+  mark = b.eventCount();
+  a.send("open " + later);
+  EXPECT_TRUE(waitForPeers(b, lists(nameA, {report, notes, later}, 2), mark)) << "open not seen";
+  mark = b.eventCount();
+  a.send("close " + quoted(report));
+  EXPECT_TRUE(waitForPeers(b, lists(nameA, {notes, later}, 1), mark)) << "close not seen";
+
+  // A host that quits withdraws its service: it leaves the list at once.
+  mark = b.eventCount();
+  a.send("quit");
+  EXPECT_TRUE(a.waitFor(event("exit"), kDiscovery));
+  EXPECT_TRUE(waitForPeers(
+      b, [&](const Json& peers) { return !peer(peers, nameA); }, mark))
+      << "A is still listed after it quit";
+
+  // By now the stranger had every chance to be seen, and to see: neither happened.
+  b.send("peers");
+  stranger.send("peers");
+  const auto peersOfB = b.waitFor(event("peers"), kDiscovery);
+  const auto peersOfC = stranger.waitFor(event("peers"), kDiscovery);
+  ASSERT_TRUE(peersOfB && peersOfC);
+  EXPECT_EQ((*peersOfC)["peers"], Json::array());
+  EXPECT_FALSE(peer((*peersOfB)["peers"], nameC));
+  EXPECT_FALSE(everListed(a.events(), nameC));
+  EXPECT_FALSE(everListed(b.events(), nameC));
+  EXPECT_FALSE(everListed(stranger.events(), nameA) || everListed(stranger.events(), nameB));
+}
+
+TEST_F(HostDiscoveryTest, DaemonModeHostsListEachOtherAndPublishTheFourTXTKeys) {
+  if (QVRunCommand({"sh", "-c",
+                    "command -v avahi-daemon && command -v dbus-daemon && command -v avahi-browse"}) != 0) {
+    GTEST_SKIP() << "the daemon-mode test needs avahi-daemon, dbus-daemon and avahi-browse";
+  }
+  ASSERT_TRUE(makeHosts(2));
+  auto& daemonsA = daemons(0);
+  auto& daemonsB = daemons(1);
+  ASSERT_TRUE(daemonsA.waitFor(event("ready"), kDiscovery) && daemonsB.waitFor(event("ready"), kDiscovery))
+      << "the daemons did not come up";
+  const std::string report = document(0, "Report.txt", "report");
+  const std::string plan = document(1, "Plan.txt", "plan");
+  auto& a = serve(0, {report}, container(), &daemonsA);
+  const std::string nameA = publishedName(a);
+  auto& b = serve(1, {plan}, container(), &daemonsB);
+  const std::string nameB = publishedName(b);
+  ASSERT_FALSE(nameA.empty() || nameB.empty()) << "a host was not published";
+  // The daemons keep the machine's names apart: each host is published under its daemon's host name.
+  EXPECT_EQ(nameA, "host-A");
+  EXPECT_TRUE(waitForPeers(b, lists(nameA, {report}, 0))) << "B never listed A's document";
+  EXPECT_TRUE(waitForPeers(a, lists(nameB, {plan}, 0))) << "A never listed B's document";
+
+  // The daemon's own tools see A's service with exactly the four entries of its record.
+  std::string listing;
+  EXPECT_EQ(QVRunCommand({"nsenter", "-t", std::to_string(daemonsB.pid()), "-m", "-n", "timeout", "10",
+                          "avahi-browse", "-arpt"},
+                         &listing),
+            0);
+  std::optional<std::string> record;
+  std::istringstream lines(listing);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("=;", 0) == 0 && line.find(";" + nameA + ";_qvhandoff") != std::string::npos)
+      record = line;
+  }
+  ASSERT_TRUE(record) << listing;
+  // =;interface;protocol;name;type;domain;host;address;port;"key=value" "key=value"...
+  std::vector<std::string> fields;
+  std::istringstream fieldStream(*record);
+  for (std::string field; std::getline(fieldStream, field, ';');)
+    fields.push_back(field);
+  ASSERT_GE(fields.size(), 10u) << *record;
+  std::set<std::string> keys;
+  std::map<std::string, std::string> values;
+  std::istringstream quotedEntries(fields[9]);
+  for (std::string piece; std::getline(quotedEntries, piece, '"');) {
+    std::string entry;
+    if (!std::getline(quotedEntries, entry, '"')) break;
+    const size_t equals = entry.find('=');
+    keys.insert(entry.substr(0, equals));
+    values[entry.substr(0, equals)] = equals == std::string::npos ? "" : entry.substr(equals + 1);
+  }
+  EXPECT_EQ(keys, (std::set<std::string>{"hasDocs", "dateMark", "deviceType", "productName"})) << *record;
+  EXPECT_EQ(values["hasDocs"], "1");
+  EXPECT_EQ(values["deviceType"], "3");
+  EXPECT_EQ(values["productName"], "Host A");
+  // "_qvhandoff" and a UUID make the first label of the type.
+  EXPECT_EQ(fields[4].find('.'), 46u) << fields[4];
+  EXPECT_EQ(fields[4].substr(46), "._tcp");
+}
+
+TEST_F(HostDiscoveryTest, APeerThatRefusesConnectionsIsResolvedAgainAndListedOnceBack) {
+  ASSERT_TRUE(makeHosts(2));
+  const std::string report = document(0, "Report.txt", "report");
+  const std::string notes = document(0, "Notes.txt", "notes");
+  auto* a = &serve(0, {report}, container());
+  const std::string nameA = publishedName(*a);
+  auto& b = serve(1, {}, container());
+  ASSERT_FALSE(nameA.empty());
+  ASSERT_TRUE(waitForPeers(b, lists(nameA, {report}, 0)));
+
+  // Killed, A says no goodbye: its service stays announced while its port refuses connections.
+  ASSERT_EQ(kill(a->pid(), SIGKILL), 0);
+  ASSERT_TRUE(a->waitForExit(kDiscovery));
+  size_t mark = b.eventCount();
+  b.send("get " + quoted(nameA) + " " + quoted(report));
+  const auto failed = b.waitFor(event("handoffFailed"), kDiscovery, mark);
+  ASSERT_TRUE(failed) << "the handoff from a dead peer did not fail";
+  EXPECT_EQ((*failed)["error"]["code"], -1004);
+  // Its list is no longer current, so the host does not offer it.
+  b.send("peers");
+  const auto peers = b.waitFor(event("peers"), kDiscovery, mark);
+  ASSERT_TRUE(peers);
+  EXPECT_FALSE(peer((*peers)["peers"], nameA)) << (*peers)["peers"];
+
+  // Back under the same name on another port: the stale address is refused, resolved again, and A is
+  // listed with what it has open now.
+  mark = b.eventCount();
+  a = &serve(0, {notes}, container());
+  EXPECT_EQ(publishedName(*a), nameA);
+  EXPECT_TRUE(waitForPeers(b, lists(nameA, {notes}, 0), mark)) << "A was not listed again";
+
+  std::ifstream file(work_.file("B-1.log"));
+  const std::string log(std::istreambuf_iterator<char>(file), {});
+  EXPECT_NE(log.find("Resetting HTTPAddress"), std::string::npos);
+  // A refusing peer costs a bounded number of requests, not a busy loop.
+  EXPECT_EQ(log.find("request (4)"), std::string::npos);
+}
