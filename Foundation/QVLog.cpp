@@ -61,7 +61,9 @@ void addSink(std::shared_ptr<spdlog::sinks::sink> sink) {
   registry().sink->add_sink(std::move(sink));
 }
 
-void removeSink(const std::shared_ptr<spdlog::sinks::sink>& sink) { registry().sink->remove_sink(sink); }
+void removeSink(const std::shared_ptr<spdlog::sinks::sink>& sink) {
+  registry().sink->remove_sink(sink);
+}
 
 std::string operationName(std::string_view pretty) {
   // Drop the parameter list, then the return type (the last space outside template brackets).

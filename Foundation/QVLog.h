@@ -31,7 +31,7 @@ std::string operationName(std::string_view prettyFunction);
 #define QV_LOG_SOURCE(source)                                                                                \
   namespace {                                                                                                \
   spdlog::logger& qvLogger() {                                                                               \
-    static const std::shared_ptr<spdlog::logger> logger = QVLogging::logger(source);                        \
+    static const std::shared_ptr<spdlog::logger> logger = QVLogging::logger(source);                         \
     return *logger;                                                                                          \
   }                                                                                                          \
   }
@@ -40,8 +40,8 @@ std::string operationName(std::string_view prettyFunction);
   do {                                                                                                       \
     spdlog::logger& qvLogger_ = qvLogger();                                                                  \
     if (qvLogger_.should_log(lvl)) {                                                                         \
-      const std::string qvOperation_ = QVLogging::operationName(__PRETTY_FUNCTION__);                       \
-      qvLogger_.log(spdlog::source_loc{__FILE__, __LINE__, qvOperation_.c_str()}, lvl, __VA_ARGS__);        \
+      const std::string qvOperation_ = QVLogging::operationName(__PRETTY_FUNCTION__);                        \
+      qvLogger_.log(spdlog::source_loc{__FILE__, __LINE__, qvOperation_.c_str()}, lvl, __VA_ARGS__);         \
     }                                                                                                        \
   } while (0)
 

@@ -35,7 +35,9 @@ struct QVError {
   QVUserInfo userInfo;
 
   std::string description() const;
-  friend bool operator==(const QVError& a, const QVError& b) { return a.domain == b.domain && a.code == b.code; }
+  friend bool operator==(const QVError& a, const QVError& b) {
+    return a.domain == b.domain && a.code == b.code;
+  }
 };
 
 // Well-known transport error codes (domain QVURLErrorDomain).

@@ -21,7 +21,8 @@ public:
   static std::unique_ptr<QVHandoffAES256Cryptor> decryptorWithKeyData(const QVData& keyData);
   // None (with a log line) when the cipher cannot be set up. Keys are never refused: short ones are
   // zero-padded, long ones cut to 32 bytes.
-  static std::unique_ptr<QVHandoffAES256Cryptor> initWithKeyData(const QVData& keyData, uint32_t forOperation);
+  static std::unique_ptr<QVHandoffAES256Cryptor> initWithKeyData(const QVData& keyData,
+                                                                 uint32_t forOperation);
 
   QVHandoffAES256Cryptor(const QVHandoffAES256Cryptor&) = delete;
   QVHandoffAES256Cryptor& operator=(const QVHandoffAES256Cryptor&) = delete;
@@ -30,7 +31,9 @@ public:
   // The output for the next chunk; may be empty (CBC holds back incomplete blocks, and when decrypting
   // the last block). None on failure.
   std::optional<QVData> updateWithData(const uint8_t* bytes, size_t length);
-  std::optional<QVData> updateWithData(const QVData& data) { return updateWithData(data.data(), data.size()); }
+  std::optional<QVData> updateWithData(const QVData& data) {
+    return updateWithData(data.data(), data.size());
+  }
   // The last block(s): padding added when encrypting, checked and removed when decrypting. None on failure.
   std::optional<QVData> finish();
 

@@ -29,7 +29,8 @@ class QVHandoffMessageCodec {
 public:
   static std::optional<QVData> dataFromJSONObject(const nlohmann::json& object,
                                                   const QVData& encryptedWithAES256Key);
-  static std::optional<nlohmann::json> JSONObjectFromData(const QVData& data, const QVData& encryptedWithAES256Key);
+  static std::optional<nlohmann::json> JSONObjectFromData(const QVData& data,
+                                                          const QVData& encryptedWithAES256Key);
   static bool isSuccessResponseData(const QVData& data, const QVData& encryptedWithAES256Key);
   // [true]
   static nlohmann::json successMessage();
