@@ -81,6 +81,7 @@ TEST_F(HandoffDocumentTest, BadRequestsAnswer500AndLeaveNothing) {
 
   EXPECT_EQ(post("/api/handoff?filePath=x", encrypt({{"filePath", path}})).status, 405);
   EXPECT_EQ(post("/api/handoff", QVData(QVHandoffHTTPConnection::kMaxRequestBodyLength + 1)).status, 0);
+  EXPECT_TRUE(log_.contains("exceeds 1048576 bytes", "error"));
   // Sent chunked the size is unknown up front: the cap applies as the pieces arrive.
   EXPECT_EQ(
       QVTestHTTPPerform(server_.port(),

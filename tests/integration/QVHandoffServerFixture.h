@@ -35,7 +35,9 @@ protected:
                              QVHandoffManagerDidFailSaveBackRemoteDocumentNotification,
                              QVHandoffManagerWillHandoffLocalDocumentNotification,
                              QVHandoffManagerDidMarkLocalFileAsModifiedNotification,
-                             QVHandoffManagerRequestsForceSaveBackRemoteFileNotification}) {
+                             QVHandoffManagerRequestsForceSaveBackRemoteFileNotification,
+                             QVHandoffManagerDidUpdateServersInfoNotification,
+                             QVHandoffManagerDidChangeActiveRemoteDocumentNotification}) {
       observations_.emplace_back(QVNotificationCenter::defaultCenter(), name, manager_.get(),
                                  [this](const QVNotification& notification) {
                                    std::lock_guard lock(mutex_);

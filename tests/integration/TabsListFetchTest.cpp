@@ -10,18 +10,6 @@ namespace {
 // service whose resolve is answered by hand.
 class TabsListFetchTest : public QVHandoffServerTest {
 protected:
-  void SetUp() override {
-    QVHandoffServerTest::SetUp();
-    for (const char* name : {QVHandoffManagerDidUpdateServersInfoNotification,
-                             QVHandoffManagerDidChangeActiveRemoteDocumentNotification}) {
-      observations_.emplace_back(QVNotificationCenter::defaultCenter(), name, manager_.get(),
-                                 [this](const QVNotification& notification) {
-                                   std::lock_guard lock(mutex_);
-                                   notifications_.push_back(notification);
-                                 });
-    }
-  }
-
   void TearDown() override {
     const auto records = manager_->serversInfo();
     for (const auto& record : records)
@@ -66,8 +54,6 @@ TEST_F(TabsListFetchTest, ListIsFetchedDecryptedAndTakenIn) {
   ASSERT_EQ(studio->documentsInfo().size(), 3u);
   const auto& remoteReport = *studio->documentsInfo()[0];
   EXPECT_EQ(remoteReport.filePath(), report->filePath());
-  EXPECT_EQ(remoteReport.fileSize(), 1000u);
-  EXPECT_EQ(remoteReport.contentType(), "application/pdf");
   const auto reportDate = QVHandoffManager::latestFileModificationDateForFileAtPath(report->filePath());
   EXPECT_EQ(remoteReport.fileModificationDate(), QVParseProtocolDate(QVFormatProtocolDate(*reportDate)));
   EXPECT_EQ(remoteReport.pageNumber(), 3u);
@@ -102,7 +88,6 @@ TEST_F(TabsListFetchTest, ListIsFetchedDecryptedAndTakenIn) {
   manager_->setCurrentLocalDocumentIndex(7);
   peerChangedTXT();
   EXPECT_EQ(studio->currentDocumentIndex(), QVNotFound);
-  EXPECT_EQ(studio->documentsInfo().size(), 3u);
 }
 
 TEST_F(TabsListFetchTest, UndecryptableListHidesThePeerWithoutRetry) {

@@ -54,19 +54,3 @@ TEST(QVDNSSDConfigurationTest, EnvironmentGivesTheDefaults) {
     EXPECT_TRUE(log.contains("Unknown QVHANDOFF_DNSSD value \"Embedded\", using auto", "warning"));
   }
 }
-
-TEST(QVDNSSDConfigurationTest, CodeOverridesTheEnvironment) {
-  Environment environment("daemon", "veth0");
-  QVDNSSDConfiguration configuration;
-  configuration.mode = QVDNSSDConfiguration::Mode::Embedded;
-  configuration.hostName = "desk";
-  QVDNSSDConfiguration::setCurrent(configuration);
-  EXPECT_EQ(QVDNSSDConfiguration::current().mode, QVDNSSDConfiguration::Mode::Embedded);
-  EXPECT_TRUE(QVDNSSDConfiguration::current().interfaces.empty());
-  EXPECT_EQ(QVDNSSDConfiguration::current().hostName, "desk");
-
-  for (auto mode : {QVDNSSDConfiguration::Mode::Auto, QVDNSSDConfiguration::Mode::Daemon,
-                    QVDNSSDConfiguration::Mode::Embedded}) {
-    EXPECT_EQ(QVDNSSDConfiguration::modeFromString(QVDNSSDConfiguration::stringFromMode(mode)), mode);
-  }
-}

@@ -123,33 +123,6 @@ TEST_F(QVHandoffDocumentInfoTest, CopyDescribesTheDocumentWithoutOriginOrTransfe
                copy->fileTransferErrorHandler() || copy->fileTransferInvalidationHandler());
 }
 
-TEST_F(QVHandoffDocumentInfoTest, DescriptionFileNameAndOrigin) {
-  auto info = QVHandoffDocumentInfo::make();
-  info->setDeviceName("Studio Mac");
-  info->setFileModificationDate(kDate);
-  EXPECT_EQ(info->description().rfind("<QVHandoffDocumentInfo: 0x", 0), 0u) << info->description();
-  EXPECT_TRUE(info->description().ends_with(
-      "> deviceName(Studio Mac) fileModificationDate(2016-03-01 09:05:07 +0000)"))
-      << info->description();
-  info->setProductName("Reader");
-  info->setFilePath("/Docs/My.File.pdf");
-  info->setContentType("com.adobe.pdf");
-  info->setSaveBackFilePath("/cache/My.File.pdf");
-  EXPECT_TRUE(info->description().ends_with(
-      "> productName(Reader) deviceName(Studio Mac) filePath(/Docs/My.File.pdf) "
-      "contentType(com.adobe.pdf) saveBackfilePath(/cache/My.File.pdf) "
-      "fileModificationDate(2016-03-01 09:05:07 +0000)"))
-      << info->description();
-
-  EXPECT_EQ(info->fileName(), "My.File");
-  info->setFilePath("");
-  EXPECT_EQ(info->fileName(), std::nullopt);
-  info->setRemoteFilePath("/peer/A.pdf");
-  EXPECT_FALSE(info->hasRemoteInfo());
-  info->setRemoteDeviceName("Peer");
-  EXPECT_TRUE(info->hasRemoteInfo());
-}
-
 TEST_F(QVHandoffDocumentInfoTest, ParentServerGivesItsNamesOnceAndOnlyThoseItHas) {
   auto server = QVHandoffServerInfo::make();
   server->setService(std::make_shared<NamedService>());

@@ -189,14 +189,3 @@ TEST_F(QVHandoffManagerFilesTest, FileBlocksCopyMoveAndAnnounceTheHandoff) {
   EXPECT_EQ(QVReadFile(original), QVTestBytes(10));
   EXPECT_EQ(QVHandoffManager::internalError(), (QVError{"com.quorvel.qvhandoff", 0, {}}));
 }
-
-TEST_F(QVHandoffManagerFilesTest, LiveRecordIsFoundByPathAndDeviceOnly) {
-  auto live = remoteDocument(), elsewhere = remoteDocument(), asked = remoteDocument();
-  elsewhere->setDeviceName("Other");
-  asked->setFileSize(1);
-  asked->setFileModificationDate(std::nullopt);
-  const std::unordered_set<std::shared_ptr<QVHandoffDocumentInfo>> set{elsewhere, live, nullptr};
-  EXPECT_EQ(QVHandoffManager::documentInfo(*asked, set), live);
-  asked->setFilePath("/Users/a/Other.pdf");
-  EXPECT_FALSE(QVHandoffManager::documentInfo(*asked, set));
-}

@@ -129,36 +129,6 @@ TEST_F(QVHandoffManagerRegistryTest, PeerWithoutDocumentsIsUpToDateWithoutAReque
   EXPECT_EQ(updates_, 2u);
 }
 
-TEST_F(QVHandoffManagerRegistryTest, ThreeTabsListAttemptsPerTXTChange) {
-  auto service = find("Studio", "1");
-  resolve(service);
-  auto studio = record("Studio");
-  const auto firstTask = studio->tabsListRequestHTTPOperation();
-  ASSERT_NE(firstTask, nullptr);
-  EXPECT_EQ(studio->tabsListRequestAttempt(), 1u);
-  EXPECT_EQ(firstTask->originalRequest().URL(), "http://127.0.0.1:9/api/tabs_list");
-  EXPECT_EQ(firstTask->originalRequest().allHTTPHeaderFields().size(), 1u); // Accept-Encoding alone
-
-  const QVError serverError{QVURLErrorDomain, QVURLError::BadServerResponse, {}};
-  manager_->handleResponseError(serverError, studio);
-  const auto secondTask = studio->tabsListRequestHTTPOperation();
-  EXPECT_NE(secondTask, firstTask);
-  EXPECT_EQ(firstTask->state(), QVURLSessionDataTask::State::Canceling);
-  manager_->handleResponseError(serverError, studio);
-  const auto thirdTask = studio->tabsListRequestHTTPOperation();
-  EXPECT_NE(thirdTask, secondTask);
-
-  // The fourth failure asks for nothing more.
-  manager_->handleResponseError(serverError, studio);
-  EXPECT_EQ(studio->tabsListRequestHTTPOperation(), thirdTask);
-  EXPECT_EQ(studio->tabsListRequestAttempt(), 4u);
-  EXPECT_EQ(service->resolves, 1);
-
-  manager_->netServiceDidUpdateTXTRecordData(service, {});
-  EXPECT_EQ(studio->tabsListRequestAttempt(), 1u);
-  EXPECT_NE(studio->tabsListRequestHTTPOperation(), thirdTask);
-}
-
 TEST_F(QVHandoffManagerRegistryTest, HostSeesOnlyUpToDateRecords) {
   auto studio = find("Studio", "0");
   resolve(studio);
@@ -225,18 +195,6 @@ TEST_F(QVHandoffManagerRegistryTest, FilteredCopiesForTheHost) {
   auto held = copies[0]->documentsInfo()[0];
   held->setDeviceName("Studio");
   EXPECT_EQ(manager_->identifyServerInfoForDocumentInfo(*held), studio);
-}
-
-TEST_F(QVHandoffManagerRegistryTest, AddressesAndHeaders) {
-  EXPECT_EQ(QVHandoffManager::HTTPAddressForHost("Studio.local.", 8080), "http://Studio.local:8080");
-  EXPECT_EQ(QVHandoffManager::HTTPAddressForHost("Studio.local.", 80), "http://Studio.local");
-  EXPECT_EQ(QVHandoffManager::HTTPAddressForHost("Studio.local", 0), "http://Studio.local");
-  EXPECT_EQ(QVHandoffManager::HTTPAddressForHost("Studio..", 443), "http://Studio.:443");
-
-  QVURLRequest upload("http://Studio.local/api/save_back", "POST");
-  QVHandoffManager::setContentType("application/octet-stream", upload);
-  EXPECT_EQ(upload.valueForHTTPHeaderField("Content-Encoding"), "x-quorvel-aes256");
-  EXPECT_EQ(upload.valueForHTTPHeaderField("Accept-Encoding"), "x-quorvel-aes256");
 }
 
 TEST_F(QVHandoffManagerRegistryTest, VanishedPeersLeaveTheRegistry) {

@@ -77,23 +77,3 @@ TEST(QVNetServiceTest, TXTRecordDataFromPeersIsReadLeniently) {
   EXPECT_EQ(dictionary, (QVTXTRecordDictionary{{"flag", {}}, {"hasDocs", {}}, {"a", bytes("b=c")}}));
   EXPECT_TRUE(QVNetService::dictionaryFromTXTRecordData({}).empty());
 }
-
-TEST(QVNetServiceTest, ServiceBeforeAnyNetworkUse) {
-  auto service = std::make_shared<QVNetService>("local", "_qvhandoffX._tcp", "Desk");
-  EXPECT_EQ(service->name(), "Desk");
-  EXPECT_EQ(service->port(), -1);
-  EXPECT_TRUE(service->hostName().empty());
-  EXPECT_TRUE(service->addresses().empty());
-  EXPECT_NE(service->description().find("local. _qvhandoffX._tcp. Desk"), std::string::npos);
-  // The record is kept for a publication to come; nothing is published, no engine starts.
-  EXPECT_TRUE(service->setTXTRecordData(bytes("\x09hasDocs=1")));
-  EXPECT_EQ(service->TXTRecordData(), bytes("\x09hasDocs=1"));
-  service->stopMonitoring();
-  service->stop();
-
-  EXPECT_EQ(QVNetService("", "_qvhandoffX._tcp", "").domain(), "local");
-
-  const QVUserInfo error = QVNetService::errorDictionary(-15);
-  EXPECT_EQ(std::get<std::string>(error.at(QVNetServicesErrorDomain)), QVNetServicesErrorDomain);
-  EXPECT_EQ(std::get<int64_t>(error.at(QVNetServicesErrorCode)), -15);
-}
