@@ -26,7 +26,8 @@ protected:
     spdlog::memory_buf_t formatted;
     formatter_->format(msg, formatted);
     std::string line = fmt::to_string(formatted);
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+      line.pop_back();
     lines_.push_back(std::move(line));
   }
   void flush_() override {}
@@ -35,10 +36,18 @@ private:
   std::vector<std::string> lines_;
 };
 
-QVLogCapture::QVLogCapture() : sink_(std::make_shared<Sink>()) { QVLogging::addSink(sink_); }
-QVLogCapture::~QVLogCapture() { QVLogging::removeSink(sink_); }
-std::vector<std::string> QVLogCapture::lines() const { return sink_->lines(); }
-void QVLogCapture::clear() { sink_->clear(); }
+QVLogCapture::QVLogCapture() : sink_(std::make_shared<Sink>()) {
+  QVLogging::addSink(sink_);
+}
+QVLogCapture::~QVLogCapture() {
+  QVLogging::removeSink(sink_);
+}
+std::vector<std::string> QVLogCapture::lines() const {
+  return sink_->lines();
+}
+void QVLogCapture::clear() {
+  sink_->clear();
+}
 
 bool QVLogCapture::contains(const std::string& text, const std::string& level) const {
   const std::string prefix = level.empty() ? "" : "[" + level + "]";
@@ -81,7 +90,8 @@ bool QVRunMainQueueUntil(const std::function<bool()>& done, std::chrono::millise
 QVData QVTestBytes(size_t length, uint32_t seed) {
   std::mt19937 generator(seed);
   QVData bytes(length);
-  for (auto& byte : bytes) byte = static_cast<uint8_t>(generator());
+  for (auto& byte : bytes)
+    byte = static_cast<uint8_t>(generator());
   return bytes;
 }
 
