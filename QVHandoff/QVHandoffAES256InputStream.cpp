@@ -81,7 +81,7 @@ uint64_t QVHandoffAES256InputStream::read(uint8_t* buffer, uint64_t maxLength) {
   if (!hasBytesAvailable()) return 0;
   streamStatus_ = QVStreamStatus::Reading;
   const uint64_t buffered = encryptedData_.size() - encryptedOffset_;
-  if (buffered < maxLength && !endOfFileReachedLocked() && !encryptNextSlice(maxLength)) return 0;
+  if (buffered < maxLength && !endOfFileReachedLocked() && !encryptNextSlice(buffer, maxLength)) return 0;
 
   const size_t length =
       static_cast<size_t>(std::min<uint64_t>(maxLength, encryptedData_.size() - encryptedOffset_));
@@ -96,12 +96,12 @@ uint64_t QVHandoffAES256InputStream::read(uint8_t* buffer, uint64_t maxLength) {
 }
 
 // One file read per call, sized by the reader: the buffer never holds much more than two of its slices.
-bool QVHandoffAES256InputStream::encryptNextSlice(uint64_t maxLength) {
+// The plain slice waits in the reader's own buffer, which is filled with ciphertext only afterwards.
+bool QVHandoffAES256InputStream::encryptNextSlice(uint8_t* plainBuffer, uint64_t maxLength) {
   const size_t wanted = static_cast<size_t>(std::min<uint64_t>(maxLength, endFileOffset_ - fileOffset_));
-  plainData_.resize(wanted);
   ssize_t count = -1;
   do {
-    count = ::read(fileHandle_->fileDescriptor(), plainData_.data(), wanted);
+    count = ::read(fileHandle_->fileDescriptor(), plainBuffer, wanted);
   } while (count < 0 && errno == EINTR);
   // A file that shrank or cannot be read would never reach its recorded end: the body stops here.
   if (count <= 0) {
@@ -112,7 +112,7 @@ bool QVHandoffAES256InputStream::encryptNextSlice(uint64_t maxLength) {
   fileOffset_ += static_cast<uint64_t>(count);
 
   auto encrypted =
-      encryptor_ ? encryptor_->updateWithData(plainData_.data(), static_cast<size_t>(count)) : std::nullopt;
+      encryptor_ ? encryptor_->updateWithData(plainBuffer, static_cast<size_t>(count)) : std::nullopt;
   if (!encrypted) {
     QV_LOG_ERROR("Couldn't continue encryption");
     streamStatus_ = QVStreamStatus::Error;

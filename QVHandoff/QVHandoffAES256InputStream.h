@@ -54,7 +54,7 @@ public:
 private:
   bool endOfFileReachedLocked() const;
   // False, with the status set to Error, when the encryptor fails.
-  bool encryptNextSlice(uint64_t maxLength);
+  bool encryptNextSlice(uint8_t* plainBuffer, uint64_t maxLength);
   void postProgress();
   void notifyProgress();
 
@@ -64,8 +64,6 @@ private:
   // Ciphertext made but not yet handed out, from encryptedOffset_ on.
   QVData encryptedData_;
   size_t encryptedOffset_ = 0;
-  // Reused for every slice read from the file.
-  QVData plainData_;
   uint64_t fileOffset_ = 0;
   uint64_t endFileOffset_ = 0;
   ProgressHandler progressHandler_;
