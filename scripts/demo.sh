@@ -65,7 +65,8 @@ mark_a=$(host_mark A)
 host_send B "get \"$name_a\" \"$docs/Report.txt\""
 copy=$(host_wait B '.event == "handoffCompleted"' 30 | jq -r .localPath)
 notice "A" "$(host_wait A '.event == "QVHandoffManagerWillHandoffLocalDocumentNotification"' 10 "$mark_a")"
-tell "B now has its own copy, in B's cache folder: $(short "$copy")"
+tell "B now has its own copy, in its cache folder below A's name and the original path:" \
+  "$(short "$copy")"
 show_file "$copy"
 tell "The copy remembers where it came from (qvhandoff info):"
 host_tool B info "$copy" | jq -r --arg w "$HOSTS_WORK/" \
