@@ -4,23 +4,10 @@
 
 #include "QVHandoff/QVHandoffServerInfo.h"
 #include "QVHandoffServerFixture.h"
+#include "support/QVPrivateCachesEnvironment.h"
 #include "support/QVStandInNetService.h"
 
 #include <fmt/format.h>
-
-// The shared manager keeps the first handoff folder it computes: a private one for the whole binary.
-class QVPrivateCachesEnvironment : public ::testing::Environment {
-public:
-  void SetUp() override {
-    caches_ = std::make_unique<QVTemporaryFolder>();
-    setenv("XDG_CACHE_HOME", caches_->path().c_str(), 1);
-    QVHandoffManager::defaultHandoffDirectoryPath();
-  }
-  void TearDown() override { caches_.reset(); }
-  std::unique_ptr<QVTemporaryFolder> caches_;
-};
-inline auto* const kPrivateCachesEnvironment =
-    ::testing::AddGlobalTestEnvironment(new QVPrivateCachesEnvironment);
 
 struct QVTransferOutcome {
   std::vector<std::string> completions;

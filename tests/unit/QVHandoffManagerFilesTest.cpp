@@ -3,6 +3,7 @@
 #include "Foundation/QVNotificationCenter.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffManager.h"
+#include "support/QVPrivateCachesEnvironment.h"
 #include "support/QVTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -14,21 +15,6 @@ namespace fs = std::filesystem;
 using namespace std::chrono;
 
 namespace {
-
-// The shared manager keeps the first handoff folder it computes: give the whole test binary a private cache
-// folder before anything asks, so no test writes into the user's real caches.
-class QVPrivateCachesEnvironment : public ::testing::Environment {
-public:
-  void SetUp() override {
-    caches_ = std::make_unique<QVTemporaryFolder>();
-    setenv("XDG_CACHE_HOME", caches_->path().c_str(), 1);
-    QVHandoffManager::defaultHandoffDirectoryPath();
-  }
-  void TearDown() override { caches_.reset(); }
-  static inline std::unique_ptr<QVTemporaryFolder> caches_;
-};
-[[maybe_unused]] auto* const kEnvironment =
-    ::testing::AddGlobalTestEnvironment(new QVPrivateCachesEnvironment);
 
 std::shared_ptr<QVHandoffDocumentInfo> remoteDocument() {
   auto info = QVHandoffDocumentInfo::make();
