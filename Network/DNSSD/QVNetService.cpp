@@ -34,6 +34,7 @@ struct QVNetService::State {
   QVData txt;
   QVData lastMonitoredTXT;
   std::weak_ptr<QVNetServiceDelegate> delegate;
+  std::function<void()> resolveFailureHandler;
 
   QVDNSSDHandle<QVDNSSDPublication> publication;
   QVDNSSDHandle<QVDNSSDBackend::Query> resolve;
@@ -46,6 +47,12 @@ struct QVNetService::State {
   bool publishReported = false;
   std::optional<QVMainQueue::TimerID> resolveTimer;
   QVMainQueue::Clock::time_point resolveDeadline;
+
+  // Whether a resolve's answer only repeats what the last resolution gave.
+  bool repeatsLastResolution(const QVDNSSDBackend::Event& event) const {
+    return port == event.port && hostName == event.hostName && addresses == std::vector{event.address} &&
+           txt == event.txt;
+  }
 
   void endResolve() {
     resolve.reset();
@@ -64,6 +71,7 @@ struct QVNetService::State {
   static void resolveEvent(const std::shared_ptr<QVNetService>& self, uint64_t generation,
                            const QVDNSSDBackend::Event& event);
   static void resolveFailed(const std::shared_ptr<QVNetService>& self, uint64_t generation, int code);
+  static void reportResolveFailure(const std::shared_ptr<QVNetService>& self, int code);
   static void monitorEvent(const std::shared_ptr<QVNetService>& self, uint64_t generation,
                            const QVDNSSDBackend::Event& event);
 };
@@ -152,6 +160,11 @@ void QVNetService::State::resolveEvent(const std::shared_ptr<QVNetService>& self
         return;
       }
     } else if (event.kind == QVDNSSDBackend::Event::Kind::Resolved) {
+      if (state.repeatsLastResolution(event)) {
+        QV_LOG_DEBUG("Resolve of \"{}\" answered with its last address {}:{}, waiting for news", state.name,
+                     event.address, event.port);
+        return;
+      }
       state.endResolve();
       state.hostName = event.hostName;
       state.port = event.port;
@@ -162,9 +175,7 @@ void QVNetService::State::resolveEvent(const std::shared_ptr<QVNetService>& self
     }
   }
   if (event.kind == QVDNSSDBackend::Event::Kind::Failed) {
-    tellDelegate(self, [&](QVNetServiceDelegate& d) {
-      d.netServiceDidNotResolve(self, errorDictionary(event.error));
-    });
+    reportResolveFailure(self, event.error);
     return;
   }
   QVDNSSDHostRegistry::setAddress(event.hostName, event.address);
@@ -179,8 +190,18 @@ void QVNetService::State::resolveFailed(const std::shared_ptr<QVNetService>& sel
     if (generation != state.resolveGeneration) return;
     state.endResolve();
   }
+  reportResolveFailure(self, code);
+}
+
+void QVNetService::State::reportResolveFailure(const std::shared_ptr<QVNetService>& self, int code) {
   tellDelegate(self,
                [&](QVNetServiceDelegate& d) { d.netServiceDidNotResolve(self, errorDictionary(code)); });
+  std::function<void()> handler;
+  {
+    std::lock_guard lock(self->state_->mutex);
+    handler = self->state_->resolveFailureHandler;
+  }
+  if (handler) handler();
 }
 
 void QVNetService::State::monitorEvent(const std::shared_ptr<QVNetService>& self, uint64_t generation,
@@ -265,6 +286,11 @@ std::shared_ptr<QVNetServiceDelegate> QVNetService::delegate() const {
 void QVNetService::setDelegate(std::weak_ptr<QVNetServiceDelegate> delegate) {
   std::lock_guard lock(state_->mutex);
   state_->delegate = std::move(delegate);
+}
+
+void QVNetService::setResolveFailureHandler(std::function<void()> handler) {
+  std::lock_guard lock(state_->mutex);
+  state_->resolveFailureHandler = std::move(handler);
 }
 
 QVData QVNetService::TXTRecordData() const {

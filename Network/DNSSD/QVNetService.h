@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -53,6 +54,8 @@ public:
   bool setTXTRecordData(const QVData& data);
 
   void publish();
+  // A resolve after an earlier one ends only with news: an answer that repeats the last resolution (the
+  // engine's cache may hold a dead peer's records for minutes) waits for the deadline instead.
   virtual void resolveWithTimeout(std::chrono::milliseconds timeout);
   // Ends a publication or a resolve; TXT monitoring goes on.
   virtual void stop();
@@ -68,6 +71,10 @@ public:
   static QVUserInfo errorDictionary(int64_t code);
 
 protected:
+  friend class QVNetServiceBrowser;
+  // The browser that found this service hears of a failed resolve on the main queue, after the delegate.
+  void setResolveFailureHandler(std::function<void()> handler);
+
   // For stand-ins: they answer name() and description(), and override whatever else of a peer's
   // service they play (TXT record, resolve, monitoring) so that no DNS-SD engine starts.
   QVNetService();

@@ -20,6 +20,9 @@ struct QVNetServiceBrowser::State {
   struct Found {
     std::set<std::pair<int, int>> instances;
     std::shared_ptr<QVNetService> service;
+    // Once the service could not be resolved, its TXT record is watched: the peer announcing a new one
+    // (it came back) is reported as a new service, since its announcement alone makes no browse event.
+    QVDNSSDHandle<QVDNSSDBackend::Query> watch;
   };
 
   mutable std::mutex mutex;
@@ -32,7 +35,88 @@ struct QVNetServiceBrowser::State {
   static void searchEvent(const std::shared_ptr<QVNetServiceBrowser>& self, uint64_t generation,
                           const QVDNSSDBackend::Event& event);
   static void searchFailed(const std::shared_ptr<QVNetServiceBrowser>& self, uint64_t generation, int code);
+
+  // With `mutex` held.
+  std::shared_ptr<QVNetService> makeService(const std::weak_ptr<QVNetServiceBrowser>& weak,
+                                            const QVDNSSDBackend::Event& event);
+  static void serviceNotResolved(const std::shared_ptr<QVNetServiceBrowser>& self,
+                                 const std::shared_ptr<QVNetService>& service);
+  static void watchEvent(const std::shared_ptr<QVNetServiceBrowser>& self,
+                         const std::shared_ptr<QVNetService>& service, const QVDNSSDBackend::Event& event);
 };
+
+std::shared_ptr<QVNetService>
+QVNetServiceBrowser::State::makeService(const std::weak_ptr<QVNetServiceBrowser>& weak,
+                                        const QVDNSSDBackend::Event& event) {
+  auto service = std::make_shared<QVNetService>(event.domain, event.type, event.name);
+  service->setResolveFailureHandler([weak, weakService = std::weak_ptr(service)] {
+    auto self = weak.lock();
+    auto service = weakService.lock();
+    if (self && service) serviceNotResolved(self, service);
+  });
+  return service;
+}
+
+void QVNetServiceBrowser::State::serviceNotResolved(const std::shared_ptr<QVNetServiceBrowser>& self,
+                                                    const std::shared_ptr<QVNetService>& service) {
+  State& state = *self->state_;
+  int error = AVAHI_OK;
+  const auto backend = QVDNSSDBackend::shared(error);
+  std::lock_guard lock(state.mutex);
+  auto entry = state.found.find(service->name());
+  if (!backend || entry == state.found.end() || entry->second.service != service || entry->second.watch)
+    return;
+  std::unique_ptr<QVDNSSDBackend::Query> query;
+  {
+    std::lock_guard backendLock(*backend);
+    query = backend->browseTXTRecord(
+        service->name(), service->type(), service->domain(),
+        [weak = std::weak_ptr(self),
+         weakService = std::weak_ptr(service)](const QVDNSSDBackend::Event& event) {
+          QVMainQueue::main().post([weak, weakService, event] {
+            auto self = weak.lock();
+            auto service = weakService.lock();
+            if (self && service) watchEvent(self, service, event);
+          });
+        },
+        error);
+  }
+  if (!query) {
+    QV_LOG_ERROR("Couldn't watch service \"{}\" for its return ({})", service->name(),
+                 QVAvahiErrorText(error));
+    return;
+  }
+  QV_LOG_DEBUG("Watching unresolved service \"{}\" for its return", service->name());
+  entry->second.watch = QVDNSSDAdopt(backend, std::move(query));
+}
+
+void QVNetServiceBrowser::State::watchEvent(const std::shared_ptr<QVNetServiceBrowser>& self,
+                                            const std::shared_ptr<QVNetService>& service,
+                                            const QVDNSSDBackend::Event& event) {
+  State& state = *self->state_;
+  std::shared_ptr<QVNetService> renewed;
+  {
+    std::lock_guard lock(state.mutex);
+    auto entry = state.found.find(service->name());
+    if (entry == state.found.end() || entry->second.service != service || !entry->second.watch) return;
+    // The cached record comes first and is the one the service already knew; a failure ends the watch.
+    if (event.kind == QVDNSSDBackend::Event::Kind::Added && event.txt == service->TXTRecordData()) return;
+    if (event.kind == QVDNSSDBackend::Event::Kind::Removed) return;
+    entry->second.watch.reset();
+    if (event.kind == QVDNSSDBackend::Event::Kind::Failed) return;
+    QVDNSSDBackend::Event found;
+    found.name = service->name();
+    found.type = service->type();
+    found.domain = service->domain();
+    renewed = state.makeService(self, found);
+    entry->second.service = renewed;
+  }
+  QV_LOG_DEBUG("Service \"{}\" announced itself again", service->name());
+  if (auto delegate = self->delegate()) {
+    delegate->netServiceBrowserDidRemoveService(self, service, false);
+    delegate->netServiceBrowserDidFindService(self, renewed, false);
+  }
+}
 
 QVNetServiceBrowser::QVNetServiceBrowser() : state_(std::make_unique<State>()) {}
 
@@ -112,7 +196,7 @@ void QVNetServiceBrowser::State::searchEvent(const std::shared_ptr<QVNetServiceB
       Found& entry = state.found[event.name];
       added = entry.instances.empty();
       entry.instances.insert(instance);
-      if (added) entry.service = std::make_shared<QVNetService>(event.domain, event.type, event.name);
+      if (added) entry.service = state.makeService(self, event);
       service = entry.service;
     } else if (event.kind == QVDNSSDBackend::Event::Kind::Removed) {
       auto entry = state.found.find(event.name);

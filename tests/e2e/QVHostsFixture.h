@@ -187,13 +187,14 @@ protected:
 
   // The first servers notification of `host`, from event `from` on, whose peers pass `match`.
   static std::optional<Json> waitForPeers(QVChildProcess& host, const std::function<bool(const Json&)>& match,
-                                          size_t from = 0) {
+                                          size_t from = 0,
+                                          std::chrono::milliseconds timeout = QVHosts::kDiscovery) {
     return host.waitFor(
         [&](const Json& e) {
           return e.value("event", "") == "QVHandoffManagerDidUpdateServersInfoNotification" &&
                  match(e["peers"]);
         },
-        QVHosts::kDiscovery, from);
+        timeout, from);
   }
 
   QVTemporaryFolder work_;
