@@ -378,9 +378,9 @@ void QVHandoffDocumentMetaStorage::startObservingMetaFileChanges() {
     if (!watcher_) return;
   }
   // Settled once the watch is in place, so that a copy arriving in between is not missed; likewise another
-  // device's write that landed between our own read or write and the watch.
+  // device's file that landed between our own read or write (or our finding none) and the watch.
   resolveConflictsIfNeeded();
-  if (savedMetaModificationDate()) handleMetaDataFileChange();
+  if (fileExists(metaFileURL_)) handleMetaDataFileChange();
 }
 
 void QVHandoffDocumentMetaStorage::stopObservingMetaFileChanges() {
