@@ -59,19 +59,23 @@ bool fileExists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
-QVPlist loadDictionary(const std::string& path) {
+std::optional<std::string> loadContents(const std::string& path) {
   QVFileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file) return nullptr;
+  if (!file) return std::nullopt;
   std::string contents;
   char chunk[4096];
   while (true) {
     const ssize_t length = read(file.get(), chunk, sizeof chunk);
     if (length < 0 && errno == EINTR) continue;
-    if (length < 0) return nullptr;
+    if (length < 0) return std::nullopt;
     if (length == 0) break;
     contents.append(chunk, static_cast<size_t>(length));
-    if (contents.size() > kMaxMetaFileSize) return nullptr;
+    if (contents.size() > kMaxMetaFileSize) return std::nullopt;
   }
+  return contents;
+}
+
+QVPlist dictionaryFromContents(const std::string& contents) {
   if (contents.empty()) return nullptr;
   plist_t root = nullptr;
   // Binary or XML: another device's tools may have rewritten the file in either form.
@@ -239,7 +243,8 @@ bool QVHandoffDocumentMetaStorage::readMetaData() {
   }
   // Dated before reading: a file replaced meanwhile then differs from the saved date and is read again.
   const auto date = metaModificationDate();
-  const QVPlist dictionary = loadDictionary(metaFileURL_);
+  const auto contents = loadContents(metaFileURL_);
+  const QVPlist dictionary = contents ? dictionaryFromContents(*contents) : nullptr;
   if (!dictionary) {
     QV_LOG_ERROR("Couldn't read meta data dictionary");
     return false;
@@ -254,6 +259,7 @@ bool QVHandoffDocumentMetaStorage::readMetaData() {
   setAES256Key(QVData(key->begin(), key->end()));
   QV_LOG_INFO("Meta data read serviceType({})", *serviceType);
   savedMetaModificationDate_ = date;
+  savedMetaContents_ = *contents;
   notifyDelegateAboutMetaChange();
   return true;
 }
@@ -280,6 +286,7 @@ bool QVHandoffDocumentMetaStorage::writeMetaData() {
     return false;
   }
   savedMetaModificationDate_ = date;
+  savedMetaContents_.assign(xmlText.get(), length);
   notifyDelegateAboutMetaChange();
   return true;
 }
@@ -300,7 +307,12 @@ std::optional<QVDate> QVHandoffDocumentMetaStorage::metaModificationDate() const
 void QVHandoffDocumentMetaStorage::handleMetaDataFileChange() {
   std::lock_guard lock(fileMutex_);
   const auto current = metaModificationDate();
-  if (savedMetaModificationDate_ && current && *savedMetaModificationDate_ == *current) return;
+  // The kernel dates files by its clock tick: another device's file written in the same tick as ours has
+  // our date. Only our bytes make it the file we already hold.
+  if (savedMetaModificationDate_ && current && *savedMetaModificationDate_ == *current &&
+      loadContents(metaFileURL_) == savedMetaContents_) {
+    return;
+  }
   readMetaData();
 }
 
@@ -366,9 +378,9 @@ void QVHandoffDocumentMetaStorage::startObservingMetaFileChanges() {
     if (!watcher_) return;
   }
   // Settled once the watch is in place, so that a copy arriving in between is not missed; likewise another
-  // device's write that landed between our own read or write and the watch.
+  // device's file that landed between our own read or write (or our finding none) and the watch.
   resolveConflictsIfNeeded();
-  if (savedMetaModificationDate()) handleMetaDataFileChange();
+  if (fileExists(metaFileURL_)) handleMetaDataFileChange();
 }
 
 void QVHandoffDocumentMetaStorage::stopObservingMetaFileChanges() {

@@ -67,6 +67,8 @@ private:
   // Recursive: a conflict resolution or a change handler goes on into a read.
   mutable std::recursive_mutex fileMutex_;
   std::optional<QVDate> savedMetaModificationDate_;
+  // The file as last read or written, for when another device's file has the same date.
+  std::string savedMetaContents_;
 
   std::mutex observationMutex_;
   QVNotificationObservation accountStateObservation_;

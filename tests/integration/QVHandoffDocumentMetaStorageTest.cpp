@@ -7,10 +7,13 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <latch>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -279,4 +282,36 @@ TEST_F(QVHandoffDocumentMetaStorageTest, AContainerCreatedLaterStartsTheStorage)
   fs::remove_all(late);
   ASSERT_TRUE(QVRunMainQueueUntil([&] { return accountChanges == 2; }));
   EXPECT_EQ(QVHandoffiCloudDocumentsPresenter::defaultPresenter()->currentAccountState(), 0);
+}
+
+TEST_F(QVHandoffDocumentMetaStorageTest, DevicesStartingTogetherOnAnEmptyFolderEndWithOneKey) {
+  ASSERT_TRUE(QVRunMainQueueUntil([] { return QVHandoffiCloudDocumentsPresenter::isiCloudTested(); }));
+  constexpr size_t kDevices = 3;
+  for (int round = 0; round < 20; ++round) {
+    const std::string folder = folder_.file(std::to_string(round));
+    fs::create_directory(folder);
+    std::vector<std::shared_ptr<QVHandoffDocumentMetaStorage>> devices;
+    for (size_t i = 0; i < kDevices; ++i)
+      devices.push_back(QVHandoffDocumentMetaStorage::storageWithContainerURL(folder));
+    // Every device's manager makes its storage master at the same moment, before any of them has a file.
+    std::latch together(kDevices);
+    {
+      std::vector<std::jthread> managers;
+      for (const auto& device : devices)
+        managers.emplace_back([&together, device] {
+          together.arrive_and_wait();
+          device->setMaster(true);
+        });
+    }
+    const auto agreed = [&] {
+      return std::all_of(devices.begin(), devices.end(), [&](const auto& device) {
+        return device->serviceType() == devices[0]->serviceType() &&
+               device->AES256Key() == devices[0]->AES256Key();
+      });
+    };
+    ASSERT_TRUE(QVRunMainQueueUntil(agreed, std::chrono::seconds(3))) << "round " << round;
+    const auto latecomer = QVHandoffDocumentMetaStorage::storageWithContainerURL(folder);
+    ASSERT_EQ(latecomer->AES256Key(), devices[0]->AES256Key())
+        << "the file holds another key, round " << round;
+  }
 }
