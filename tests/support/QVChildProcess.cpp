@@ -126,17 +126,12 @@ std::optional<nlohmann::json> QVChildProcess::waitFor(const Match& match, std::c
                                                       size_t from) {
   std::unique_lock lock(mutex_);
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    for (size_t i = from; i < events_.size(); ++i) {
-      if (match(events_[i])) return events_[i];
+  for (bool last = false;; last = ended_ || changed_.wait_until(lock, deadline) == std::cv_status::timeout) {
+    for (; from < events_.size(); ++from) {
+      if (match(events_[from])) return events_[from];
     }
-    from = std::max(from, events_.size());
-    if (ended_ || changed_.wait_until(lock, deadline) == std::cv_status::timeout) break;
+    if (last) return std::nullopt;
   }
-  for (size_t i = from; i < events_.size(); ++i) {
-    if (match(events_[i])) return events_[i];
-  }
-  return std::nullopt;
 }
 
 size_t QVChildProcess::eventCount() const {
