@@ -1,13 +1,10 @@
 #include "Foundation/QVLog.h"
 #include "Network/DNSSD/QVNetServiceBrowser.h"
-#include "Network/HTTPClient/QVURLRequest.h"
 #include "Network/HTTPClient/QVURLSessionDataTask.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
 #include "support/QVStandInNetService.h"
 #include "support/QVTestSupport.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -17,41 +17,31 @@ struct IdleTask : QVURLSessionDataTask {
   void cancel() override {}
 };
 
-// A live record as the registry keeps it after a tabs-list fetch.
-std::shared_ptr<QVHandoffServerInfo> liveRecord(const std::shared_ptr<QVNetService>& service) {
-  auto server = QVHandoffServerInfo::make();
-  auto document = QVHandoffDocumentInfo::make();
-  document->setFilePath("/Docs/A.pdf");
-  document->setRemoteFilePath("/Docs/A.pdf");
-  document->setParentServerInfo(server);
-  server->setDocumentsInfo({document});
-  server->setCurrentDocumentIndex(QVNotFound);
-  server->setDeviceType(3);
-  server->setProductName("Reader");
-  server->setFiltered(true);
-  server->setService(service);
-  server->setHTTPAddress("http://studio.local:8080");
-  server->setResolveInProgress(true);
-  server->setAES256Key(QVData(32, 7));
-  server->setTabsListRequestHTTPOperation(std::make_shared<IdleTask>());
-  server->setTabsListRequestAttempt(3);
-  server->setHasOpenedDocuments(true);
-  server->setUpToDate(true);
-  return server;
-}
-
 } // namespace
 
 TEST(QVHandoffServerInfoTest, CopyIsAKeylessSnapshotSharingTheService) {
-  const auto service = std::make_shared<StudioService>();
-  const auto live = liveRecord(service);
+  // A live record as the registry keeps it after a tabs-list fetch.
+  auto live = QVHandoffServerInfo::make();
+  auto document = QVHandoffDocumentInfo::make();
+  document->setFilePath("/Docs/A.pdf");
+  document->setRemoteFilePath("/Docs/A.pdf");
+  document->setParentServerInfo(live);
+  live->setDocumentsInfo({document});
+  live->setCurrentDocumentIndex(QVNotFound);
+  live->setFiltered(true);
+  live->setService(std::make_shared<StudioService>());
+  live->setResolveInProgress(true);
+  live->setAES256Key(QVData(32, 7));
+  live->setTabsListRequestHTTPOperation(std::make_shared<IdleTask>());
+  live->setTabsListRequestAttempt(3);
+  live->setHasOpenedDocuments(true);
+  live->setUpToDate(true);
   const auto copy = live->copy();
 
   ASSERT_EQ(copy->documentsInfo().size(), 1u);
-  const auto& document = copy->documentsInfo()[0];
-  EXPECT_NE(document, live->documentsInfo()[0]);
-  EXPECT_FALSE(document->parentServerInfo());
-  EXPECT_EQ(document->remoteFilePath(), "");
+  EXPECT_NE(copy->documentsInfo()[0], document);
+  EXPECT_FALSE(copy->documentsInfo()[0]->parentServerInfo());
+  EXPECT_EQ(copy->documentsInfo()[0]->remoteFilePath(), "");
   EXPECT_EQ(copy->currentDocumentIndex(), QVNotFound);
   EXPECT_EQ(copy->deviceName(), "Studio Mac") << "the service is shared";
   EXPECT_TRUE(copy->AES256Key().empty());
