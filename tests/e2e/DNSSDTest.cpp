@@ -15,7 +15,6 @@ constexpr auto kQuiet = 3s;
 // The shape of a real type: "_qvhandoff" and a UUID make a 46-character first label.
 const std::string kType = "_qvhandoff0A1B2C3D-4E5F-6071-8293-A4B5C6D7E8F9._tcp";
 constexpr int64_t kAvahiInvalidServiceType = -11;
-constexpr int64_t kAvahiTimeout = -15;
 
 QVChildProcess::Match event(const std::string& name,
                             const std::optional<std::string>& service = std::nullopt) {
@@ -120,6 +119,7 @@ TEST_F(DNSSDTest, OneServiceOnTwoLinksFollowsTXTUpdatesAndEveryWithdrawal) {
   EXPECT_EQ(browser.count(event("removed", name)), 2u);
 }
 
+// A resolve that times out is seen end to end: HostDiscoveryTest drops a peer gone for good after it.
 TEST_F(DNSSDTest, FailuresReachTheDelegateWithAvahiCodes) {
   ASSERT_TRUE(makeHosts(2));
   auto& a = probe(0, {"--type", "not a type", "--publish", "Broken", "--browse"});
@@ -128,10 +128,4 @@ TEST_F(DNSSDTest, FailuresReachTheDelegateWithAvahiCodes) {
   ASSERT_TRUE(notPublished && notSearched);
   EXPECT_EQ((*notPublished)["code"], kAvahiInvalidServiceType);
   EXPECT_EQ((*notSearched)["code"], kAvahiInvalidServiceType);
-
-  // Nobody answers: Avahi gives up after 5 s and is asked again, until the caller's 6 s have passed.
-  a.send("resolve Nobody " + kType + " 6");
-  const auto notResolved = a.waitFor(event("notResolved", "Nobody"), kDiscovery);
-  ASSERT_TRUE(notResolved);
-  EXPECT_EQ((*notResolved)["code"], kAvahiTimeout);
 }

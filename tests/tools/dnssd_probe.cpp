@@ -2,7 +2,7 @@
 // publishes a service and/or browses a type and prints one JSON object per event on stdout. Options:
 // --mode auto|daemon|embedded, --interface IF (repeated), --host-name NAME, --type TYPE, --publish NAME,
 // --port N, --txt KEY=VALUE (repeated), --browse, --resolve, --monitor, --duration SECONDS. Commands on
-// stdin, one per line: "txt key=value...", "stop", "publish", "resolve NAME TYPE SECONDS", "quit". It exits
+// stdin, one per line: "txt key=value...", "stop", "publish", "quit". It exits
 // on "quit", at the end of stdin, or after --duration seconds, whichever comes first.
 
 #include "Foundation/QVMainQueue.h"
@@ -140,14 +140,6 @@ public:
     } else if (command == "publish" && published_) {
       published_->publish();
       emit({{"event", "publishing"}, {"name", published_->name()}});
-    } else if (command == "resolve") {
-      std::string name, type;
-      double seconds = 0;
-      words >> name >> type >> seconds;
-      auto service = std::make_shared<QVNetService>("local", type, name);
-      service->setDelegate(weak_from_this());
-      service->resolveWithTimeout(std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000)));
-      found_[name] = service;
     }
     return command != "quit";
   }
