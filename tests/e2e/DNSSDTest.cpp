@@ -35,7 +35,7 @@ protected:
   // the machine's name, which every namespace shares. The test's arguments come last and win.
   QVChildProcess& probe(size_t index, const std::vector<std::string>& arguments,
                         std::vector<std::string> interfaces = {}, bool ownHostName = true) {
-    const QVNetworkNamespaces::Host& h = host(index);
+    const Host& h = host(index);
     std::vector<std::string> argv = {"ip",     "netns",    "exec",   h.netns, QVHANDOFF_DNSSD_PROBE,
                                      "--mode", "embedded", "--type", kType,   "--duration",
                                      "60"};
@@ -79,7 +79,7 @@ TEST_F(DNSSDTest, HostAndServiceNameCollisionsAreRenamedAndTheHostsResolveEachOt
 
 TEST_F(DNSSDTest, OneServiceOnTwoLinksFollowsTXTUpdatesAndEveryWithdrawal) {
   ASSERT_TRUE(makeHosts(2));
-  const auto link = namespaces_->addLink(0, 1);
+  const auto link = addLink(0, 1);
   ASSERT_TRUE(link) << "couldn't add a second link";
   const std::string name = "Reader on A";
   auto& browser = probe(1, {"--browse", "--monitor"}, {host(1).interface, link->second});
