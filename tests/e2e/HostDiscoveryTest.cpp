@@ -103,6 +103,10 @@ TEST_F(HostDiscoveryTest, DaemonModeHostsListEachOtherAndPublishTheFourTXTKeys) 
   EXPECT_EQ(nameA, "host-A");
   EXPECT_TRUE(waitForPeers(b, lists(nameA, {report}, 0))) << "B never listed A's document";
   EXPECT_TRUE(waitForPeers(a, lists(nameB, {plan}, 0))) << "A never listed B's document";
+  // A new record goes out through the daemon too.
+  const size_t mark = b.eventCount();
+  a.send("open " + document(0, "Notes.txt", "notes"));
+  EXPECT_TRUE(waitForPeers(b, lists(nameA, {report, work_.file("documents-A/Notes.txt")}, 1), mark));
 
   // The daemon's own tools see A's service with exactly the four entries of its record.
   std::string listing;
