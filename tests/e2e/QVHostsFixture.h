@@ -3,15 +3,9 @@
 // the embedded stack on its own interface and a cache folder of its own; the test drives them on stdin
 // and reads their events.
 
-#include "support/QVChildProcess.h"
-#include "support/QVNetworkNamespaces.h"
-#include "support/QVTestSupport.h"
-
-#include <gtest/gtest.h>
+#include "support/QVNamespaceTest.h"
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 namespace QVHosts {
 
@@ -38,19 +32,16 @@ inline const Json* peer(const Json& peers, const std::string& device) {
   return nullptr;
 }
 
-inline std::vector<std::string> paths(const Json& server) {
-  std::vector<std::string> result;
-  for (const auto& document : server["documents"])
-    result.push_back(document["path"]);
-  return result;
-}
-
 // A peer list in which `device` shows exactly `documents`, the one at `active` in front.
 inline std::function<bool(const Json&)> lists(const std::string& device, std::vector<std::string> documents,
                                               int64_t active) {
   return [=](const Json& peers) {
     const Json* server = peer(peers, device);
-    return server && paths(*server) == documents && (*server)["activeIndex"] == active;
+    if (!server || (*server)["activeIndex"] != active) return false;
+    std::vector<std::string> paths;
+    for (const auto& document : (*server)["documents"])
+      paths.push_back(document["path"]);
+    return paths == documents;
   };
 }
 
@@ -68,44 +59,14 @@ inline QVChildProcess::Match notification(const std::string& name, const std::st
 
 } // namespace QVHosts
 
-class QVHostsFixture : public ::testing::Test {
+class QVHostsFixture : public QVNamespaceTest {
 protected:
   using Json = nlohmann::json;
 
   void SetUp() override {
     if (std::string(QVHosts::kTool).empty()) GTEST_SKIP() << "the qvhandoff tool is not built";
-    if (auto reason = QVNetworkNamespaces::unavailableReason()) GTEST_SKIP() << *reason;
+    QVNamespaceTest::SetUp();
   }
-
-  void TearDown() override {
-    // End the hosts first so that their logs are complete, sanitizer reports included.
-    std::vector<std::pair<std::string, std::vector<Json>>> events;
-    for (const auto& [label, host] : hosts_)
-      events.emplace_back(label, host->events());
-    hosts_.clear();
-    for (const auto& entry : std::filesystem::directory_iterator(work_.path())) {
-      if (entry.path().extension() != ".log") continue;
-      std::ifstream file(entry.path());
-      const std::string log(std::istreambuf_iterator<char>(file), {});
-      EXPECT_EQ(log.find("Sanitizer"), std::string::npos) << entry.path() << ":\n" << log;
-      EXPECT_EQ(log.find("runtime error"), std::string::npos) << entry.path() << ":\n" << log;
-      if (HasFailure()) std::cerr << "---- " << entry.path().filename() << "\n" << log;
-    }
-    if (!HasFailure()) return;
-    for (const auto& [label, list] : events) {
-      std::cerr << "---- events of " << label << "\n";
-      for (const auto& e : list)
-        std::cerr << e.dump() << "\n";
-    }
-  }
-
-  bool makeHosts(size_t count) {
-    namespaces_ = std::make_unique<QVNetworkNamespaces>(QVHANDOFF_NETNS_SCRIPT, count);
-    EXPECT_EQ(namespaces_->failure(), "");
-    return namespaces_->failure().empty();
-  }
-
-  const QVNetworkNamespaces::Host& host(size_t index) const { return namespaces_->host(index); }
 
   // The folder the hosts share, as a sync client would keep it; `name` gives another one.
   std::string container(const std::string& name = "container") const {
@@ -124,35 +85,24 @@ protected:
 
   // The command that runs `qvhandoff` on host `index` with a cache folder of its own. Without `daemons`:
   // in the host's namespace, the embedded stack on its interface under the host's own name (stacks that
-  // share a namespace must share it); with them: beside that host's bus and mDNS daemon.
+  // share a namespace must share it); with them: beside that host's bus and mDNS daemon, in auto mode,
+  // which must choose the daemon.
   std::vector<std::string> tool(size_t index, const std::vector<std::string>& arguments,
                                 const std::string& containerPath,
                                 const QVChildProcess* daemons = nullptr) const {
     const auto& h = host(index);
-    std::vector<std::string> argv;
-    if (daemons) {
-      argv = {"nsenter", "-t", std::to_string(daemons->pid()), "-m", "-n"};
-    } else {
-      argv = {"ip", "netns", "exec", h.netns};
-    }
+    std::vector<std::string> argv = {"ip", "netns", "exec", h.netns};
+    if (daemons) argv = {"nsenter", "-t", std::to_string(daemons->pid()), "-m", "-n"};
     argv.insert(argv.end(),
                 {"env", "XDG_CACHE_HOME=" + work_.file("cache-" + h.letter), QVHosts::kTool, "--container",
-                 containerPath, "--product-name", "Host " + h.letter, "--log-level", "debug"});
+                 containerPath, "--product-name", "Host " + h.letter, "--log-level", "debug", "--dnssd"});
     if (daemons) {
-      argv.insert(argv.end(), {"--dnssd", "daemon"});
+      argv.push_back("auto");
     } else {
-      argv.insert(argv.end(),
-                  {"--dnssd", "embedded", "--interface", h.interface, "--host-name", "host-" + h.letter});
+      argv.insert(argv.end(), {"embedded", "--interface", h.interface, "--host-name", "host-" + h.letter});
     }
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return argv;
-  }
-
-  // A system bus and an mDNS daemon for host `index`, in a mount namespace of their own.
-  QVChildProcess& daemons(size_t index) {
-    const auto& h = host(index);
-    return start(h.letter + "-daemons",
-                 {"ip", "netns", "exec", h.netns, QVHANDOFF_DNSSD_DAEMONS, "host-" + h.letter, h.interface});
   }
 
   QVChildProcess& serve(size_t index, const std::vector<std::string>& files, const std::string& containerPath,
@@ -160,13 +110,6 @@ protected:
     std::vector<std::string> arguments = {"serve"};
     arguments.insert(arguments.end(), files.begin(), files.end());
     return start(host(index).letter, tool(index, arguments, containerPath, daemons));
-  }
-
-  QVChildProcess& start(const std::string& label, const std::vector<std::string>& argv) {
-    const std::string log = work_.file(label + "-" + std::to_string(hosts_.size()) + ".log");
-    hosts_.emplace_back(label, std::make_unique<QVChildProcess>(argv, log));
-    EXPECT_TRUE(hosts_.back().second->started());
-    return *hosts_.back().second;
   }
 
   // A one-shot command on host `index`: its exit status, its stdout in `output`.
@@ -197,9 +140,5 @@ protected:
         timeout, from);
   }
 
-  QVTemporaryFolder work_;
-  std::unique_ptr<QVNetworkNamespaces> namespaces_;
-  // Declared after the namespaces: the hosts end before their namespaces go.
-  std::vector<std::pair<std::string, std::unique_ptr<QVChildProcess>>> hosts_;
   size_t oneShots_ = 0;
 };

@@ -1,22 +1,41 @@
 #pragma once
-// A local server on 127.0.0.1 with a fresh key; the default manager's documents and file blocks reset
-// around each test; the temporary directory redirected so that what a request leaves behind shows; and
-// every notification the server side posts recorded.
+// A local server on 127.0.0.1 with a fresh key; the default manager's documents, peers and file blocks
+// reset around each test; the temporary directory redirected so that what a request leaves behind shows;
+// and every notification the manager posts recorded. The manager's client reaches the server through
+// peers in the registry that resolve to it, so one manager plays both ends of a transfer.
 
-#include "Foundation/QVNotificationCenter.h"
-#include "QVHandoff/QVHandoffDocumentInfo.h"
+#include "Network/HTTPClient/QVHTTPSessionManager.h"
+#include "Network/HTTPClient/QVHTTPURLResponse.h"
+#include "Network/HTTPClient/QVURLRequest.h"
 #include "QVHandoff/QVHandoffHTTPConnection.h"
-#include "QVHandoff/QVHandoffHTTPServer.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"
-#include "QVTestHTTPClient.h"
-#include "support/QVTestSupport.h"
+#include "QVHandoff/QVHandoffServerInfo.h"
+#include "QVTestHTTP.h"
+#include "support/QVPrivateCachesEnvironment.h"
+#include "support/QVStandInNetService.h"
 
-#include <gtest/gtest.h>
+#include <fmt/format.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <mutex>
+
+// What came back: no response when the connection was dropped.
+struct QVAnswer {
+  std::shared_ptr<const QVHTTPURLResponse> response;
+  QVData body;
+  int64_t status() const { return response ? response->statusCode() : 0; }
+  std::string header(std::string_view name) const {
+    return response ? response->valueForHTTPHeaderField(name).value_or("") : "";
+  }
+};
+
+struct QVTransferOutcome {
+  std::vector<std::string> completions;
+  std::vector<QVError> errors;
+  std::vector<float> progress;
+  bool ended() const { return !completions.empty() || !errors.empty(); }
+};
 
 class QVHandoffServerTest : public ::testing::Test {
 protected:
@@ -31,6 +50,7 @@ protected:
     manager_->setCurrentLocalDocumentIndex(0);
     for (const char* name : {QVHandoffManagerSaveBackFileProgressNotification,
                              QVHandoffManagerWillSaveBackRemoteDocumentNotification,
+                             QVHandoffManagerWillSaveBackLocalDocumentNotification,
                              QVHandoffManagerDidSaveBackRemoteDocumentNotification,
                              QVHandoffManagerDidFailSaveBackRemoteDocumentNotification,
                              QVHandoffManagerWillHandoffLocalDocumentNotification,
@@ -47,6 +67,10 @@ protected:
   }
 
   void TearDown() override {
+    const auto records = manager_->serversInfo();
+    for (const auto& record : records)
+      manager_->removeRemoteServerInfoForService(record->service());
+    std::filesystem::remove_all(manager_->handoffDirectoryPath());
     server_.stop();
     manager_->setLocalDocumentsInfo(nullptr);
     manager_->setCopyFileBlock(QVHandoffManagerDefaultCopyFileBlock);
@@ -61,8 +85,29 @@ protected:
   nlohmann::json decrypt(const QVData& body) const {
     return QVHandoffMessageCodec::JSONObjectFromData(body, key_).value_or(nullptr);
   }
-  QVTestHTTPResponse post(const std::string& path, QVData body = {}) {
-    return QVTestHTTPPerform(server_.port(), QVTestHTTPRequest::post(path, std::move(body)));
+  QVURLRequest request(const std::string& path, QVData body = {}, const std::string& method = "POST") const {
+    QVURLRequest request(fmt::format("http://127.0.0.1:{}{}", server_.port(), path), method);
+    request.setHTTPBody(std::move(body));
+    return request;
+  }
+  // By the library's plain HTTP client, which sends whatever it is given, all at once.
+  std::vector<QVAnswer> perform(const std::vector<QVURLRequest>& requests) {
+    std::vector<QVAnswer> answers(requests.size());
+    size_t done = 0;
+    for (size_t i = 0; i < requests.size(); ++i) {
+      session_
+          ->dataTaskWithRequest(requests[i],
+                                [&answers, &done, i](auto response, auto body, auto) {
+                                  answers[i] = {response, body.value_or(QVData())};
+                                  ++done;
+                                })
+          ->resume();
+    }
+    EXPECT_TRUE(QVRunMainQueueUntil([&] { return done == requests.size(); }, std::chrono::seconds(120)));
+    return answers;
+  }
+  QVAnswer post(const std::string& path, QVData body = {}) {
+    return perform({request(path, std::move(body))}).front();
   }
 
   // A document open in the host: its file in the documents folder and its record.
@@ -88,15 +133,66 @@ protected:
 
   // Once every connection has closed, no temporary file may remain (waits for both, bounded).
   bool leftNothingBehind() {
+    session_ = std::make_unique<QVHTTPSessionManager>(); // the old one closes the connections it kept
     return QVRunMainQueueUntil(
         [&] { return server_.numberOfHTTPConnections() == 0 && std::filesystem::is_empty(tmp_); });
   }
 
-  static void expectErrorAnswer(const QVTestHTTPResponse& response) {
-    EXPECT_EQ(response.status, 500);
+  static void expectErrorAnswer(const QVAnswer& response) {
+    EXPECT_EQ(response.status(), 500);
     EXPECT_TRUE(response.body.empty());
     EXPECT_EQ(response.header("content-encoding"), "x-quorvel-aes256");
     EXPECT_EQ(response.header("content-type"), "application/json");
+  }
+
+  // A peer found with `key` and resolved to `port` on the loopback; with documents its tabs list is fetched.
+  std::shared_ptr<QVStandInNetService> addPeer(const std::string& name, const QVData& key, uint16_t port,
+                                               bool hasDocs = false) {
+    auto peer = std::make_shared<QVStandInNetService>(name);
+    peer->setTXTRecord({{"hasDocs", QVTXTValue(hasDocs ? "1" : "0")}, {"productName", QVTXTValue("Reader")}});
+    manager_->addRemoteServerInfoForService(peer, key);
+    peer->setResolvedAddress("127.0.0.1", port);
+    manager_->netServiceDidResolveAddress(peer);
+    return peer;
+  }
+
+  // How the peer's tabs list describes one of its documents.
+  static std::shared_ptr<QVHandoffDocumentInfo> remote(const QVHandoffDocumentInfo& local,
+                                                       const std::string& device = "Studio") {
+    auto documentInfo = local.copy();
+    documentInfo->setDeviceName(device);
+    documentInfo->setFileSize(std::filesystem::file_size(local.filePath()));
+    documentInfo->setFileModificationDate(
+        QVHandoffManager::latestFileModificationDateForFileAtPath(local.filePath()));
+    return documentInfo;
+  }
+
+  // A transfer by the manager whose handlers record their calls; `onProgress` runs inside the progress one.
+  template <class... Arguments>
+  std::shared_ptr<QVTransferOutcome> transfer(void (QVHandoffManager::*operation)(Arguments...),
+                                              std::function<void()> onProgress, auto... arguments) {
+    auto outcome = std::make_shared<QVTransferOutcome>();
+    ((*manager_).*operation)(
+        arguments...,
+        [outcome, onProgress](float progress) {
+          outcome->progress.push_back(progress);
+          if (onProgress) onProgress();
+        },
+        [outcome](const std::string& path) { outcome->completions.push_back(path); },
+        [outcome](const QVError& error) { outcome->errors.push_back(error); });
+    return outcome;
+  }
+  auto handoff(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
+               std::function<void()> onProgress = {}) {
+    return transfer(&QVHandoffManager::handoffRemoteDocumentWithInfo, onProgress, documentInfo);
+  }
+  auto saveBack(const std::string& path, const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
+                std::function<void()> onProgress = {}) {
+    return transfer(&QVHandoffManager::saveBackFileAtPath, onProgress, path, documentInfo);
+  }
+  // Long enough for a late handler call or notification over the loopback to show.
+  static void settle() {
+    QVRunMainQueueUntil([] { return false; }, std::chrono::milliseconds(300));
   }
 
   QVTemporaryFolder folder_;
@@ -104,6 +200,7 @@ protected:
   const std::filesystem::path docs_ = folder_.path() / "docs";
   const QVData key_ = QVTestBytes(32, 42);
   QVHandoffHTTPServer server_;
+  std::unique_ptr<QVHTTPSessionManager> session_ = std::make_unique<QVHTTPSessionManager>();
   const std::shared_ptr<QVHandoffManager> manager_ = QVHandoffManager::defaultManager();
   QVLogCapture log_;
   std::mutex mutex_;

@@ -1,134 +1,138 @@
-#include "Foundation/QVDateFormatting.h"
-#include "Foundation/QVFileOperations.h"
 #include "QVHandoff/QVHandoffAES256Data.h"
 #include "QVHandoffServerFixture.h"
 
-#include <cctype>
+using namespace std::chrono_literals;
 
 namespace {
 
-std::string percentEncoded(const std::string& text) {
-  std::string encoded;
-  for (unsigned char c : text) {
-    if (std::isalnum(c) || c == '/' || c == '.' || c == '-' || c == '_') {
-      encoded += static_cast<char>(c);
-    } else {
-      encoded += fmt::format("%{:02X}", c);
-    }
-  }
-  return encoded;
-}
-
 class SaveBackTest : public QVHandoffServerTest {
 protected:
-  // The query the client writes, in its order.
-  static std::string query(const std::string& path, uint64_t size, std::optional<QVDate> date,
-                           uint64_t pageNumber = 0, const std::string& point = "{0, 0}") {
-    return "?path=" + percentEncoded(path) + "&size=" + std::to_string(size) +
-           "&modificationDate=" + percentEncoded(date ? QVFormatProtocolDate(*date) : "") +
-           "&pageNumber=" + std::to_string(pageNumber) + "&pdfPoint=" + percentEncoded(point);
+  // The handed-off copy of `record`, edited, and tagged as the download tags it.
+  std::string editedCopy(const QVHandoffDocumentInfo& record, const QVData& content,
+                         const std::string& name = "Copy.pdf") {
+    const std::string path = folder_.file(name);
+    QVWriteFile(path, content);
+    QVHandoffManager::addDocumentInfo(record, path);
+    return path;
   }
-  QVTestHTTPResponse upload(const std::string& uri, const QVData& plaintext, size_t chunkSize = 4093) {
-    const QVData body = QVHandoffAES256Data::encryptWithKeyData(plaintext, key_).value();
-    return QVTestHTTPPerform(server_.port(), QVTestHTTPRequest::post(uri, body).chunked(chunkSize));
+  std::shared_ptr<QVTransferOutcome> finished(std::shared_ptr<QVTransferOutcome> outcome) {
+    EXPECT_TRUE(QVRunMainQueueUntil([&] { return outcome->ended(); }));
+    // The client keeps its connection: only the files tell that both sides cleaned up.
+    EXPECT_TRUE(QVRunMainQueueUntil([&] { return std::filesystem::is_empty(tmp_); }));
+    EXPECT_TRUE(manager_->saveBackDocumentsInfo().empty());
+    return outcome;
   }
-  static std::optional<QVDate> latestDate(const std::string& path) {
-    return QVHandoffManager::latestFileModificationDateForFileAtPath(path);
-  }
-  std::string savedPath(const QVTestHTTPResponse& response) const {
-    return decrypt(response.body).value("filePath", std::string());
+  float progress(const QVNotification& notification) {
+    return std::get<float>(notification.userInfo.at(QVHandoffManagerProgressKey));
   }
 };
 
-TEST_F(SaveBackTest, ReplacesTheUnchangedDocumentAndReportsIt) {
-  const QVData edited = QVTestBytes(300 * 1024 + 3, 11);
-  auto doc = document("Doc.pdf", QVTestBytes(200 * 1024, 10));
-  doc->setRemoteDeviceName("Laptop");
-  doc->setRemoteFilePath("/remote/Doc.pdf");
-  open({doc});
-  const std::string path = doc->filePath();
+TEST_F(SaveBackTest, ReplacesTheUnchangedOriginalAndRetagsTheCopy) {
+  addPeer("Studio", key_, server_.port());
+  for (const size_t size : {size_t(1), size_t(16), size_t(5 * 1024 * 1024 + 3)}) {
+    const auto origin = document("My Doc {1}.pdf", QVTestBytes(100));
+    origin->setRemoteDeviceName("Laptop");
+    origin->setRemoteFilePath("/remote/Doc.pdf");
+    open({origin});
+    const std::string path = origin->filePath();
+    const auto record = remote(*origin);
+    record->setPageNumber(3);
+    record->setPdfPoint({12.5, 30});
+    const QVData edited = QVTestBytes(size, static_cast<uint32_t>(size));
+    const std::string copy = editedCopy(*record, edited);
 
-  const QVData body = QVOpenSSLCommand("-e", key_, edited); // the wire bytes of an independent encryptor
-  auto response = QVTestHTTPPerform(
-      server_.port(),
-      QVTestHTTPRequest::post("/api/save_back" + query(path, 200 * 1024, latestDate(path), 4, "{12.5, 300}"),
-                              body)
-          .chunked(1000));
-  ASSERT_EQ(response.status, 200);
-  EXPECT_TRUE(QVReadFile(path) == edited);
-  const auto attributes = QVAttributesOfItem(path, nullptr).value();
-  EXPECT_EQ(
-      decrypt(response.body),
-      nlohmann::json({{"filePath", path},
-                      {"fileSize", edited.size()},
-                      {"fileModificationDate", QVFormatProtocolDate(attributes.fileModificationDate)}}));
+    const auto outcome = finished(saveBack(copy, record));
+    ASSERT_EQ(outcome->completions, std::vector<std::string>{copy}) << size;
+    EXPECT_TRUE(QVReadFile(path) == edited) << size;
+    EXPECT_TRUE(QVReadFile(copy) == edited);
+    EXPECT_FALSE(outcome->progress.empty()) << size;
+    const auto willSaveBack = notifications(QVHandoffManagerWillSaveBackLocalDocumentNotification);
+    ASSERT_EQ(willSaveBack.size(), 1u);
+    EXPECT_EQ(std::get<std::string>(willSaveBack[0].userInfo.at(QVHandoffManagerFilePathKey)), copy);
 
-  // Progress after every piece, measured against the old size (so past 1), then exactly 1.
-  const auto progress = notifications(QVHandoffManagerSaveBackFileProgressNotification);
-  ASSERT_GT(progress.size(), 2u);
-  EXPECT_GT(std::get<float>(progress[progress.size() - 2].userInfo.at(QVHandoffManagerProgressKey)), 1.0f);
-  EXPECT_EQ(std::get<float>(progress.back().userInfo.at(QVHandoffManagerProgressKey)), 1.0f);
-  EXPECT_EQ(std::get<std::string>(progress.back().userInfo.at(QVHandoffManagerFilePathKey)), path);
-  for (const char* name : {QVHandoffManagerWillSaveBackRemoteDocumentNotification,
-                           QVHandoffManagerDidSaveBackRemoteDocumentNotification}) {
-    const auto posted = notifications(name);
-    ASSERT_EQ(posted.size(), 1u) << name;
-    EXPECT_EQ(posted[0].userInfo, (QVUserInfo{{QVHandoffManagerFilePathKey, path},
-                                              {QVHandoffManagerOriginalFilePathKey, path},
-                                              {QVHandoffManagerPageNumberKey, uint64_t(4)},
-                                              {QVHandoffManagerPDFPointKey, QVPoint{12.5, 300}}}));
+    // The query arrived whole: the origin reports the page and the point it was given.
+    for (const char* name : {QVHandoffManagerWillSaveBackRemoteDocumentNotification,
+                             QVHandoffManagerDidSaveBackRemoteDocumentNotification}) {
+      const auto posted = notifications(name);
+      ASSERT_EQ(posted.size(), 1u) << name;
+      EXPECT_EQ(posted[0].userInfo, (QVUserInfo{{QVHandoffManagerFilePathKey, path},
+                                                {QVHandoffManagerOriginalFilePathKey, path},
+                                                {QVHandoffManagerPageNumberKey, uint64_t(3)},
+                                                {QVHandoffManagerPDFPointKey, QVPoint{12.5, 30}}}));
+    }
+    EXPECT_TRUE(notifications(QVHandoffManagerDidFailSaveBackRemoteDocumentNotification).empty());
+    // The origin's progress is measured against the old size (so past 1 for a larger copy), then exactly 1.
+    const auto progresses = notifications(QVHandoffManagerSaveBackFileProgressNotification);
+    ASSERT_FALSE(progresses.empty());
+    EXPECT_EQ(progress(progresses.back()), 1.0f);
+    EXPECT_EQ(std::get<std::string>(progresses.back().userInfo.at(QVHandoffManagerFilePathKey)), path);
+    EXPECT_TRUE(size <= 100 || progress(progresses.at(progresses.size() - 2)) > 1.0f) << size;
+    // The peer's marks go with its copy.
+    EXPECT_EQ(origin->remoteDeviceName() + origin->remoteFilePath(), "");
+
+    // The next save back of the copy carries the origin's new size and date.
+    const auto tags = QVHandoffManager::documentInfoForFileAtPath(copy);
+    ASSERT_TRUE(tags);
+    EXPECT_EQ(tags->filePath(), path);
+    EXPECT_EQ(tags->fileSize(), size);
+    EXPECT_EQ(tags->fileModificationDate(), record->fileModificationDate());
+    EXPECT_EQ(std::chrono::floor<std::chrono::milliseconds>(
+                  *QVHandoffManager::latestFileModificationDateForFileAtPath(path)),
+              record->fileModificationDate());
+    notifications_.clear();
   }
-  EXPECT_TRUE(notifications(QVHandoffManagerDidFailSaveBackRemoteDocumentNotification).empty());
-  // The peer's marks go with its copy.
-  EXPECT_EQ(doc->remoteDeviceName(), "");
-  EXPECT_EQ(doc->remoteFilePath(), "");
-  EXPECT_TRUE(leftNothingBehind());
 }
 
-TEST_F(SaveBackTest, ADocumentChangedHereKeepsBothVersions) {
+TEST_F(SaveBackTest, AnOriginalChangedHereKeepsBothVersions) {
+  addPeer("Studio", key_, server_.port());
   const QVData original = QVTestBytes(100, 1);
   const QVData edited = QVTestBytes(120, 2);
-  const std::string sized = document("Sized.pdf", original)->filePath();
-  const std::string later = document("Later.pdf", original)->filePath();
-  const std::string close = document("Close.pdf", original)->filePath();
-
-  // Another size: beside it. The route is a prefix, so more letters after it still reach save back.
-  auto response = upload("/api/save_backup" + query(sized, 99, latestDate(sized)), edited);
-  ASSERT_EQ(response.status, 200);
-  EXPECT_EQ(savedPath(response), (docs_ / "Sized 2.pdf").string());
-  EXPECT_TRUE(QVReadFile(sized) == original);
-  EXPECT_TRUE(QVReadFile(savedPath(response)) == edited);
-  const auto did = notifications(QVHandoffManagerDidSaveBackRemoteDocumentNotification);
-  EXPECT_EQ(std::get<std::string>(did.at(0).userInfo.at(QVHandoffManagerOriginalFilePathKey)), sized);
-
-  // Dates 1.5 s apart: beside it; 0.5 s apart: replaced.
-  response = upload(
-      "/api/save_back" + query(later, 100, *latestDate(later) + std::chrono::milliseconds(1500)), edited);
-  EXPECT_EQ(savedPath(response), (docs_ / "Later 2.pdf").string());
-  EXPECT_TRUE(QVReadFile(later) == original);
-  response = upload("/api/save_back" + query(close, 100, *latestDate(close) - std::chrono::milliseconds(500)),
-                    edited);
-  EXPECT_EQ(savedPath(response), close);
-  EXPECT_TRUE(QVReadFile(close) == edited);
+  // What the copy's record says of the original: another size or a date more than a second off puts the
+  // copy beside the original; a date less than a second off replaces it.
+  const struct {
+    const char* name;
+    uint64_t size;
+    std::chrono::milliseconds shift;
+    const char* saved;
+  } cases[] = {{"Sized.pdf", 99, 0ms, "Sized 2.pdf"},
+               {"Later.pdf", 100, 1500ms, "Later 2.pdf"},
+               {"Close.pdf", 100, -500ms, "Close.pdf"}};
+  for (const auto& c : cases) {
+    const auto origin = document(c.name, original);
+    const auto record = remote(*origin);
+    record->setFileSize(c.size);
+    record->setFileModificationDate(*record->fileModificationDate() + c.shift);
+    const std::string copy = editedCopy(*record, edited);
+    ASSERT_EQ(finished(saveBack(copy, record))->completions.size(), 1u) << c.name;
+    const std::string saved = (docs_ / c.saved).string();
+    EXPECT_EQ(record->filePath(), saved);
+    EXPECT_EQ(QVHandoffManager::documentInfoForFileAtPath(copy)->filePath(), saved);
+    EXPECT_TRUE(QVReadFile(saved) == edited) << c.name;
+    EXPECT_EQ(QVReadFile(origin->filePath()) == original, saved != origin->filePath()) << c.name;
+    EXPECT_EQ(std::get<std::string>(notifications(QVHandoffManagerDidSaveBackRemoteDocumentNotification)
+                                        .back()
+                                        .userInfo.at(QVHandoffManagerOriginalFilePathKey)),
+              origin->filePath());
+  }
 
   // A path that is gone, folders and all, is made again; size 0 gives only the final progress.
-  const std::string gone = (docs_ / "new" / "deeper" / "Gone.pdf").string();
+  const auto record = remote(*document("Gone.pdf", original));
+  record->setFilePath((docs_ / "new" / "deeper" / "Gone.pdf").string());
+  record->setFileSize(0);
   const size_t progressBefore = notifications(QVHandoffManagerSaveBackFileProgressNotification).size();
-  response = upload("/api/save_back" + query(gone, 0, std::nullopt), edited);
-  EXPECT_EQ(savedPath(response), gone);
-  EXPECT_TRUE(QVReadFile(gone) == edited);
+  ASSERT_EQ(finished(saveBack(editedCopy(*record, edited), record))->completions.size(), 1u);
+  EXPECT_TRUE(QVReadFile((docs_ / "new" / "deeper" / "Gone.pdf").string()) == edited);
   EXPECT_EQ(notifications(QVHandoffManagerSaveBackFileProgressNotification).size(), progressBefore + 1);
-  EXPECT_TRUE(leftNothingBehind());
 }
 
-TEST_F(SaveBackTest, FailuresDropTheConnectionChangeNothingAndNotifyOnce) {
+TEST_F(SaveBackTest, BadUploadsDropTheConnectionChangeNothingAndNotifyOnce) {
   const QVData original = QVTestBytes(4000, 1);
   const std::string path = document("Doc.pdf", original)->filePath();
-  const std::string uri = "/api/save_back" + query(path, original.size(), latestDate(path));
+  const std::string uri = "/api/save_back?path=" + path + "&size=4000";
   const QVData body = QVHandoffAES256Data::encryptWithKeyData(QVTestBytes(512 * 1024, 2), key_).value();
   size_t failures = 0;
-  auto expectFailure = [&](const QVTestHTTPRequest& request, const std::string& logLine) {
-    EXPECT_FALSE(QVTestHTTPPerform(server_.port(), request).completed()) << logLine;
+  auto expectFailure = [&](const std::function<void()>& upload, const std::string& logLine) {
+    upload();
     // A client that aborts may be gone before the server has even accepted it: wait for the notice.
     ++failures;
     auto failed = [&] { return notifications(QVHandoffManagerDidFailSaveBackRemoteDocumentNotification); };
@@ -141,29 +145,79 @@ TEST_F(SaveBackTest, FailuresDropTheConnectionChangeNothingAndNotifyOnce) {
   };
 
   // The peer goes away halfway: no line of ours, only the notice.
-  expectFailure(QVTestHTTPRequest::post(uri, body).chunked(16 * 1024).abortingAfter(200 * 1024), "");
+  expectFailure([&] { QVHangUpMidUpload(server_.port(), uri, body, 200 * 1024); }, "");
   const QVData otherKey =
       QVHandoffAES256Data::encryptWithKeyData(QVTestBytes(5000, 3), QVTestBytes(32, 7)).value();
-  expectFailure(QVTestHTTPRequest::post(uri, otherKey), "Couldn't finish decryption on save back operation");
-  expectFailure(QVTestHTTPRequest::post(uri, QVData(body.begin(), body.end() - 5)),
-                "Couldn't finish decryption on save back operation");
-  expectFailure(QVTestHTTPRequest::post(uri), "Couldn't finish decryption on save back operation");
+  for (const QVData& bad : {otherKey, QVData(body.begin(), body.end() - 5), QVData()})
+    expectFailure([&] { EXPECT_EQ(post(uri, bad).status(), 0); },
+                  "Couldn't finish decryption on save back operation");
   manager_->setMoveFileBlock([](const std::string&, const std::string&, QVError* error) {
     *error = QVErrorFromErrno(EACCES);
     return false;
   });
-  expectFailure(QVTestHTTPRequest::post(uri, body), "Couldn't move file on save back operation. Error: ");
+  expectFailure([&] { EXPECT_EQ(post(uri, body).status(), 0); },
+                "Couldn't move file on save back operation. Error: ");
   EXPECT_EQ(notifications(QVHandoffManagerDidSaveBackRemoteDocumentNotification).size(), 0u);
 
-  // An invalid escape leaves the path out of the query: nowhere to put the upload, nobody to tell.
-  const auto invalid =
-      upload("/api/save_back?path=%ZZ" + percentEncoded(path) + "&size=4000", QVTestBytes(100));
-  EXPECT_EQ(invalid.status, 0);
+  // An invalid escape leaves the path out of the query: nowhere to put the upload, nobody to tell. The
+  // route is a prefix, so more letters after it still reach save back.
+  EXPECT_EQ(post("/api/save_backup?path=%ZZ" + path + "&size=4000", body).status(), 0);
   EXPECT_TRUE(log_.contains("Save back file path not found in request", "error"));
   EXPECT_EQ(notifications(QVHandoffManagerDidFailSaveBackRemoteDocumentNotification).size(), failures);
   EXPECT_TRUE(QVReadFile(path) == original);
   EXPECT_TRUE(leftNothingBehind());
-  EXPECT_EQ(QVTestHTTPPerform(server_.port(), QVTestHTTPRequest::post(uri).withMethod("GET")).status, 404);
+  EXPECT_EQ(perform({request(uri, {}, "GET")}).front().status(), 404);
+}
+
+TEST_F(SaveBackTest, FailedSaveBacksLeaveTheCopyAndTheOriginalAsTheyWere) {
+  const QVData original = QVTestBytes(100);
+  const auto origin = document("Doc.pdf", original);
+  open({origin});
+  const QVData edited = QVTestBytes(5 * 1024 * 1024, 5);
+  const std::string copy = editedCopy(*remote(*origin), edited);
+  const auto expectUntouched = [&](const QVTransferOutcome& outcome, int64_t code, const char* domain) {
+    EXPECT_TRUE(outcome.completions.empty());
+    ASSERT_EQ(outcome.errors.size(), 1u);
+    EXPECT_EQ(outcome.errors[0], (QVError{domain, code, {}}));
+    EXPECT_TRUE(QVReadFile(copy) == edited);
+    EXPECT_TRUE(QVReadFile(origin->filePath()) == original);
+  };
+
+  // Refused before anything is sent: no handler at all.
+  EXPECT_FALSE(saveBack(folder_.file("Missing.pdf"), remote(*origin))->ended());
+  EXPECT_TRUE(log_.contains("Couldn't initiate save back, file not exists at path (", "error"));
+  expectUntouched(*finished(saveBack(copy, remote(*origin, "Nowhere"))), 0, QVHandoffErrorDomain);
+
+  addPeer("Studio", key_, server_.port());
+  manager_->setCopyFileBlock([](const std::string&, const std::string&, QVError* error) {
+    *error = QVError{QVPOSIXErrorDomain, 28, {}};
+    return false;
+  });
+  expectUntouched(*finished(saveBack(copy, remote(*origin))), 0, QVHandoffErrorDomain);
+  EXPECT_TRUE(log_.contains("Couldn't copy file for save back operation. Error:", "error"));
+  manager_->setCopyFileBlock(QVHandoffManagerDefaultCopyFileBlock);
+
+  // Cancelled from its first progress callback: silent, nothing saved.
+  const auto cancelled =
+      saveBack(copy, remote(*origin), [&] { manager_->cancelSaveBackDocumentWithInfo(remote(*origin)); });
+  ASSERT_TRUE(QVRunMainQueueUntil([&] { return !cancelled->progress.empty(); }));
+  settle();
+  EXPECT_FALSE(cancelled->ended());
+  EXPECT_TRUE(QVRunMainQueueUntil([&] { return std::filesystem::is_empty(tmp_); }));
+  EXPECT_TRUE(QVReadFile(origin->filePath()) == original);
+  EXPECT_TRUE(QVReadFile(copy) == edited);
+
+  // An empty copy goes out as an empty body, which the origin cannot decrypt.
+  const std::string empty = editedCopy(*remote(*origin), {}, "Empty.pdf");
+  expectUntouched(*finished(saveBack(empty, remote(*origin))), QVURLError::NetworkConnectionLost,
+                  QVURLErrorDomain);
+  QVWriteFile(copy, edited);
+
+  // The peer has left: its port no longer answers.
+  server_.stop();
+  expectUntouched(*finished(saveBack(copy, remote(*origin))), QVURLError::CannotConnectToHost,
+                  QVURLErrorDomain);
+  EXPECT_TRUE(log_.contains("Save back file request error", "error"));
 }
 
 } // namespace

@@ -6,7 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <fstream>
+#include <thread>
 
 extern char** environ;
 
@@ -14,23 +17,14 @@ namespace {
 
 constexpr auto kExitGrace = std::chrono::seconds(3);
 
-// Spawns `argv` with the given descriptors as its stdin and stdout (-1: /dev/null) and stderr to a file.
+// Spawns `argv` with the given descriptors as its stdin and stdout and its stderr to a file.
 pid_t spawn(const std::vector<std::string>& argv, int input, int output, const std::string& stderrPath) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  if (input >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  }
-  if (output >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  }
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO,
-                                   stderrPath.empty() ? "/dev/null" : stderrPath.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0644);
   std::vector<char*> arguments;
   for (const auto& argument : argv)
     arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -41,139 +35,90 @@ pid_t spawn(const std::vector<std::string>& argv, int input, int output, const s
   return pid;
 }
 
-int exitStatus(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 } // namespace
 
 int QVRunCommand(const std::vector<std::string>& argv, std::string* output) {
   std::array<int, 2> pipe{-1, -1};
-  if (output && pipe2(pipe.data(), O_CLOEXEC) != 0) return -1;
-  const pid_t pid = spawn(argv, -1, output ? pipe[1] : -1, "");
-  if (output) {
-    close(pipe[1]);
-    char buffer[4096];
-    ssize_t length = 0;
-    while ((length = read(pipe[0], buffer, sizeof buffer)) > 0)
-      output->append(buffer, static_cast<size_t>(length));
-    close(pipe[0]);
-  }
-  return pid > 0 ? exitStatus(pid) : -1;
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null < 0 || pipe2(pipe.data(), O_CLOEXEC) != 0) return -1;
+  const pid_t pid = spawn(argv, null, output ? pipe[1] : null, "/dev/null");
+  close(null);
+  close(pipe[1]);
+  std::string text;
+  char buffer[4096];
+  for (ssize_t length; (length = read(pipe[0], buffer, sizeof buffer)) > 0;)
+    text.append(buffer, static_cast<size_t>(length));
+  close(pipe[0]);
+  if (output) *output = std::move(text);
+  int status = 0;
+  return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-QVChildProcess::QVChildProcess(const std::vector<std::string>& argv, const std::string& stderrPath) {
+QVChildProcess::QVChildProcess(const std::vector<std::string>& argv, const std::string& logPath)
+    : eventsPath_(logPath + ".events") {
   // Close-on-exec, so that a later child does not hold this one's stdin open.
   std::array<int, 2> input{-1, -1};
-  std::array<int, 2> output{-1, -1};
-  if (pipe2(input.data(), O_CLOEXEC) != 0) return;
-  if (pipe2(output.data(), O_CLOEXEC) != 0) {
+  const int output = open(eventsPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (output >= 0 && pipe2(input.data(), O_CLOEXEC) == 0) {
+    pid_ = spawn(argv, input[0], output, logPath);
     close(input[0]);
-    close(input[1]);
-    return;
+    input_ = input[1];
   }
-  pid_ = spawn(argv, input[0], output[1], stderrPath);
-  close(input[0]);
-  close(output[1]);
-  input_ = input[1];
-  output_ = output[0];
-  reader_ = std::thread([this] { readOutput(); });
+  if (output >= 0) close(output);
 }
 
 QVChildProcess::~QVChildProcess() {
-  // The end of its input asks the child to finish cleanly; a signal follows when it does not.
-  closeInput();
-  if (pid_ > 0 && !waitForExit(kExitGrace)) reap(SIGTERM);
-  if (reader_.joinable()) reader_.join();
-  if (output_ >= 0) close(output_);
+  // The end of its input asks the child to finish cleanly; signals follow when it does not.
+  if (input_ >= 0) close(input_);
+  for (const int signal : {SIGTERM, SIGKILL}) {
+    if (waitForExit(kExitGrace)) break;
+    kill(pid_, signal);
+  }
+  if (pid_ > 0) waitpid(pid_, nullptr, 0);
 }
 
 bool QVChildProcess::send(const std::string& line) {
-  if (input_ < 0) return false;
   const std::string text = line + "\n";
-  return write(input_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  return input_ >= 0 && write(input_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-void QVChildProcess::closeInput() {
-  if (input_ >= 0) close(input_);
-  input_ = -1;
-}
-
-void QVChildProcess::readOutput() {
-  std::string pending;
-  char buffer[4096];
-  ssize_t length = 0;
-  while ((length = read(output_, buffer, sizeof buffer)) > 0) {
-    pending.append(buffer, static_cast<size_t>(length));
-    size_t end = 0;
-    while ((end = pending.find('\n')) != std::string::npos) {
-      nlohmann::json event = nlohmann::json::parse(pending.substr(0, end), nullptr, false);
-      if (event.is_discarded()) event = {{"event", "unparsable"}, {"line", pending.substr(0, end)}};
-      pending.erase(0, end + 1);
-      std::lock_guard lock(mutex_);
-      events_.push_back(std::move(event));
-      changed_.notify_all();
-    }
+std::vector<nlohmann::json> QVChildProcess::events() const {
+  std::vector<nlohmann::json> events;
+  std::ifstream file(eventsPath_);
+  // A last line without its newline is still being written.
+  for (std::string line; std::getline(file, line) && !file.eof();) {
+    nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
+    events.push_back(event.is_discarded() ? nlohmann::json{{"event", "unparsable"}, {"line", line}} : event);
   }
-  std::lock_guard lock(mutex_);
-  ended_ = true;
-  changed_.notify_all();
+  return events;
 }
 
 std::optional<nlohmann::json> QVChildProcess::waitFor(const Match& match, std::chrono::milliseconds timeout,
                                                       size_t from) {
-  std::unique_lock lock(mutex_);
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    for (size_t i = from; i < events_.size(); ++i) {
-      if (match(events_[i])) return events_[i];
+  for (bool last = false;; last = waitForExit({}) || std::chrono::steady_clock::now() >= deadline) {
+    const auto all = events();
+    for (; from < all.size(); ++from) {
+      if (match(all[from])) return all[from];
     }
-    from = std::max(from, events_.size());
-    if (ended_ || changed_.wait_until(lock, deadline) == std::cv_status::timeout) break;
-  }
-  for (size_t i = from; i < events_.size(); ++i) {
-    if (match(events_[i])) return events_[i];
-  }
-  return std::nullopt;
-}
-
-size_t QVChildProcess::eventCount() const {
-  std::lock_guard lock(mutex_);
-  return events_.size();
-}
-
-size_t QVChildProcess::count(const Match& match) const {
-  std::lock_guard lock(mutex_);
-  return static_cast<size_t>(std::count_if(events_.begin(), events_.end(), match));
-}
-
-std::vector<nlohmann::json> QVChildProcess::events() const {
-  std::lock_guard lock(mutex_);
-  return events_;
-}
-
-bool QVChildProcess::waitForExit(std::chrono::milliseconds timeout) {
-  if (pid_ <= 0) return true;
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-      pid_ = -1;
-      return true;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return false;
+    if (last) return std::nullopt;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
 
-void QVChildProcess::reap(int signal) {
-  kill(pid_, signal);
-  if (!waitForExit(kExitGrace)) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+size_t QVChildProcess::count(const Match& match) const {
+  const auto all = events();
+  return static_cast<size_t>(std::count_if(all.begin(), all.end(), match));
+}
+
+bool QVChildProcess::waitForExit(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) != pid_) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   pid_ = -1;
+  return true;
 }
 
 QVChildProcess::Match QVChildProcess::event(const std::string& name,

@@ -1,19 +1,16 @@
 #pragma once
 // Child processes for the end-to-end tests: one-shot commands, and long-running ones whose stdout is a
-// stream of JSON objects, one per line. A child is killed and reaped with its object, also when a test
-// fails.
+// stream of JSON objects, one per line, kept in a file beside their stderr. A child is killed and reaped
+// with its object, also when a test fails.
 
 #include <nlohmann/json.hpp>
 
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 // Runs `argv` to its end; its exit status (-1 when it could not start), stdout in `output` when given.
@@ -23,8 +20,8 @@ class QVChildProcess {
 public:
   using Match = std::function<bool(const nlohmann::json&)>;
 
-  // stderr goes to `stderrPath` (discarded when empty).
-  QVChildProcess(const std::vector<std::string>& argv, const std::string& stderrPath);
+  // stderr goes to `logPath`, stdout to `logPath` + ".events".
+  QVChildProcess(const std::vector<std::string>& argv, const std::string& logPath);
   ~QVChildProcess();
   QVChildProcess(const QVChildProcess&) = delete;
   QVChildProcess& operator=(const QVChildProcess&) = delete;
@@ -32,14 +29,13 @@ public:
   bool started() const { return pid_ > 0; }
   pid_t pid() const { return pid_; }
   bool send(const std::string& line);
-  void closeInput();
 
   // The first event at index `from` or later that matches, waiting at most `timeout` for it.
   std::optional<nlohmann::json> waitFor(const Match& match, std::chrono::milliseconds timeout,
                                         size_t from = 0);
-  size_t eventCount() const;
-  size_t count(const Match& match) const;
   std::vector<nlohmann::json> events() const;
+  size_t eventCount() const { return events().size(); }
+  size_t count(const Match& match) const;
   // Waits for the child to end by itself; false when it still runs after `timeout`.
   bool waitForExit(std::chrono::milliseconds timeout);
 
@@ -47,15 +43,7 @@ public:
   static Match event(const std::string& name, const std::optional<std::string>& serviceName = std::nullopt);
 
 private:
-  void readOutput();
-  void reap(int signal);
-
   pid_t pid_ = -1;
   int input_ = -1;
-  int output_ = -1;
-  std::thread reader_;
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<nlohmann::json> events_;
-  bool ended_ = false;
+  std::string eventsPath_;
 };

@@ -5,8 +5,6 @@
 #include "QVHandoff/QVHandoffManager.h"
 #include "support/QVTestSupport.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <memory>
 

@@ -3,12 +3,14 @@
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <stdexcept>
-#include <stdlib.h>
 
 class QVLogCapture::Sink : public spdlog::sinks::base_sink<std::mutex> {
 public:
@@ -103,4 +105,15 @@ void QVWriteFile(const std::string& path, const QVData& data) {
 QVData QVReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return QVData(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+QVData QVOpenSSLCommand(const std::string& operation, QVData key, const QVData& input) {
+  key.resize(32);
+  QVTemporaryFolder folder;
+  QVWriteFile(folder.file("in"), input);
+  const std::string command =
+      fmt::format("openssl enc {} -aes-256-cbc -K {:02x} -iv {:032} -in {} -out {} 2>/dev/null", operation,
+                  fmt::join(key, ""), 0, folder.file("in"), folder.file("out"));
+  if (std::system(command.c_str()) != 0) return {};
+  return QVReadFile(folder.file("out"));
 }

@@ -1,9 +1,10 @@
 #pragma once
-// Helpers shared by the tests: captured log lines, a scratch folder that removes itself, and running the
-// main queue until a condition holds.
+// Helpers shared by the tests, and the test framework with them: captured log lines, a scratch folder that
+// removes itself, and running the main queue until a condition holds.
 
 #include "Foundation/QVTypes.h"
 
+#include <gtest/gtest.h>
 #include <spdlog/sinks/base_sink.h>
 
 #include <chrono>
@@ -51,3 +52,7 @@ bool QVRunMainQueueUntil(const std::function<bool()>& done,
 QVData QVTestBytes(size_t length, uint32_t seed = 1);
 void QVWriteFile(const std::string& path, const QVData& data);
 QVData QVReadFile(const std::string& path);
+
+// AES-256-CBC with a zero IV and PKCS#7 by the openssl command, given the 32 key bytes peers use
+// (zero-padded or cut): an implementation independent of ours, for the wire bytes. `operation` is -e or -d.
+QVData QVOpenSSLCommand(const std::string& operation, QVData key, const QVData& input);

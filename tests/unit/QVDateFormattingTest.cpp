@@ -1,8 +1,6 @@
 #include "Foundation/QVDateFormatting.h"
 #include "support/QVTestSupport.h"
 
-#include <gtest/gtest.h>
-
 #include <clocale>
 #include <cstdlib>
 #include <ctime>

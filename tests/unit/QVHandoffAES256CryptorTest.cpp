@@ -3,25 +3,11 @@
 #include "support/QVTestSupport.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 class QVHandoffAES256CryptorTest : public ::testing::Test {
 protected:
-  // AES-256-CBC with a zero IV and PKCS#7 from the command-line tool: an implementation independent of ours,
-  // given the 32 key bytes peers use (zero-padded or cut).
-  QVData referenceEncryption(const QVData& plain, QVData key) {
-    key.resize(32);
-    const std::string in = folder_.file("plain"), out = folder_.file("cipher");
-    QVWriteFile(in, plain);
-    const std::string command = fmt::format(
-        "openssl enc -aes-256-cbc -K {:02x} -iv {:032} -in '{}' -out '{}'", fmt::join(key, ""), 0, in, out);
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    return QVReadFile(out);
-  }
-
   // The whole input through one cryptor in `chunk`-byte pieces, joined with what finish gives.
   static std::optional<QVData> stream(uint32_t operation, const QVData& key, const QVData& input,
                                       size_t chunk) {
@@ -38,7 +24,6 @@ protected:
     return last;
   }
 
-  QVTemporaryFolder folder_;
   QVLogCapture log_;
 };
 
@@ -50,7 +35,7 @@ TEST_F(QVHandoffAES256CryptorTest, WireBytesMatchAnIndependentImplementationForE
       const QVData plain = QVTestBytes(size, static_cast<uint32_t>(size) + 1);
       const QVData encrypted = QVHandoffAES256Data::encryptWithKeyData(plain, key).value_or(QVData{});
       EXPECT_EQ(encrypted.size(), 16 * (size / 16 + 1));
-      EXPECT_TRUE(encrypted == referenceEncryption(plain, key));
+      EXPECT_TRUE(encrypted == QVOpenSSLCommand("-e", key, plain));
       EXPECT_TRUE(QVHandoffAES256Data::decryptWithKeyData(encrypted, key) == plain);
     }
   }

@@ -3,8 +3,6 @@
 #include "QVHandoff/QVHandoffAES256Data.h"
 #include "support/QVTestSupport.h"
 
-#include <gtest/gtest.h>
-
 namespace {
 
 class QVHandoffAES256InputStreamTest : public ::testing::Test {

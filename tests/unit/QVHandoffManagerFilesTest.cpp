@@ -1,15 +1,8 @@
 #include "Foundation/QVExtendedAttributes.h"
 #include "Foundation/QVLog.h"
-#include "Foundation/QVNotificationCenter.h"
-#include "QVHandoff/QVHandoffDocumentInfo.h"
-#include "QVHandoff/QVHandoffManager.h"
 #include "support/QVPrivateCachesEnvironment.h"
-#include "support/QVTestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 
 namespace fs = std::filesystem;
 using namespace std::chrono;
@@ -150,28 +143,18 @@ TEST_F(QVHandoffManagerFilesTest, HandoffPathsStayInsideTheHandoffFolder) {
   EXPECT_FALSE(QVHandoffManager::handoffReadyFilePath(folder_.file("gone")));
 }
 
-TEST_F(QVHandoffManagerFilesTest, FileBlocksCopyMoveAndAnnounceTheHandoff) {
+TEST_F(QVHandoffManagerFilesTest, TheHandoffIsAnnouncedBeforeItsCopyAndSuccessClearsTheError) {
   auto manager = QVHandoffManager::defaultManager();
-  EXPECT_EQ(manager, QVHandoffManager::defaultManager());
   const std::string original = folder_.file("original.pdf"), served = folder_.file("served.pdf");
   QVWriteFile(original, {7, 7});
-  int posted = 0;
-  QVNotificationObservation observation(
-      QVNotificationCenter::defaultCenter(), QVHandoffManagerWillHandoffLocalDocumentNotification,
-      manager.get(), [&](const QVNotification& note) {
-        ++posted;
-        EXPECT_EQ(std::get<std::string>(note.userInfo.at(QVHandoffManagerFilePathKey)), original);
-        EXPECT_FALSE(fs::exists(served)) << "the host hears of it before the copy";
-      });
+  bool copiedYet = true;
+  QVNotificationObservation observation(QVNotificationCenter::defaultCenter(),
+                                        QVHandoffManagerWillHandoffLocalDocumentNotification, manager.get(),
+                                        [&](const QVNotification&) { copiedYet = fs::exists(served); });
   QVError error{"stale", 1, {}};
   ASSERT_TRUE(manager->copyHandoffDocumentAtPath(original, served, &error));
-  EXPECT_EQ(posted, 1);
-  EXPECT_EQ(error, QVError{}) << "success clears the error slot";
-  EXPECT_EQ(manager->attributesOfHandoffDocumentAtPath(served, &error)->fileSize, 2u);
-
+  EXPECT_FALSE(copiedYet);
+  EXPECT_EQ(error, QVError{});
   EXPECT_FALSE(manager->moveSavedBackDocumentAtPath(folder_.file("gone"), original, &error));
   EXPECT_EQ(error.code, ENOENT);
-  ASSERT_TRUE(manager->moveSavedBackDocumentAtPath(copy_, original, &error));
-  EXPECT_EQ(QVReadFile(original), QVTestBytes(10));
-  EXPECT_EQ(QVHandoffManager::internalError(), (QVError{"com.quorvel.qvhandoff", 0, {}}));
 }

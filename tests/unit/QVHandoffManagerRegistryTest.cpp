@@ -1,13 +1,10 @@
 #include "Foundation/QVLog.h"
 #include "Network/DNSSD/QVNetServiceBrowser.h"
-#include "Network/HTTPClient/QVURLRequest.h"
 #include "Network/HTTPClient/QVURLSessionDataTask.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
 #include "support/QVStandInNetService.h"
 #include "support/QVTestSupport.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -177,7 +174,13 @@ TEST_F(QVHandoffManagerRegistryTest, FilteredCopiesForTheHost) {
   EXPECT_EQ(copies[0]->documentsInfo()[0]->filePath(), "/b.pdf");
   EXPECT_EQ(copies[0]->currentDocumentIndex(), 2u); // not shifted
   EXPECT_TRUE(copies[0]->filtered());
+  // Snapshots: their own documents, the live record's service (so its device name), and no key to talk
+  // to the peer with.
+  EXPECT_NE(copies[0]->documentsInfo()[0], studio->documentsInfo()[1]);
+  EXPECT_EQ(copies[0]->deviceName(), "Studio");
   EXPECT_TRUE(copies[0]->AES256Key().empty());
+  EXPECT_FALSE(copies[0]->AES256EncryptedDataWithJSONObject({{"filePath", "/b.pdf"}}));
+  EXPECT_TRUE(studio->AES256EncryptedDataWithJSONObject({{"filePath", "/b.pdf"}}));
   EXPECT_EQ(studio->documentsInfo().size(), 3u);
   EXPECT_FALSE(studio->filtered());
 

@@ -1,11 +1,8 @@
 #include "QVHandoff/QVHandoffManager.h"
 #include "Foundation/QVMainQueue.h"
-#include "Network/DNSSD/QVNetService.h"
 #include "Network/DNSSD/QVNetServiceBrowser.h"
 #include "QVHandoff/QVHandoffiCloudDocumentsPresenter.h"
 #include "support/QVTestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
@@ -52,22 +49,35 @@ protected:
   QVLogCapture log_;
 };
 
-TEST_F(QVHandoffManagerTest, StartNeedsAMasterStorageAndHappensOnce) {
+TEST_F(QVHandoffManagerTest, StartNeedsAMasterStorageHappensOnceAndMetaChangesRestartIt) {
   manager_->startHandoffService();
   EXPECT_TRUE(log_.contains("Couldn't start handoff service without assigned meta storages", "error"));
   EXPECT_EQ(log_.lines().size(), 1u);
   EXPECT_FALSE(manager_->serviceStarted());
 
-  manager_->setMetaStorages({storage()});
+  // A change of a stopped service's storage starts nothing.
+  const auto master = storage();
+  manager_->setMetaStorages({master});
+  manager_->metaDataStorageDidChange(master);
+  QVMainQueue::main().drain();
+  EXPECT_FALSE(manager_->serviceStarted());
   manager_->startHandoffService();
   manager_->startHandoffService();
   EXPECT_EQ(log_.count("Start handoff service"), 1u);
   EXPECT_TRUE(manager_->serviceStarted());
   EXPECT_FALSE(manager_->localServer()->isRunning()); // no service type: nothing published
 
-  manager_->stopHandoffService();
-  manager_->stopHandoffService();
+  // Of a started one it restarts the service, deferred to the main queue, never on the caller's stack.
+  manager_->metaDataStorageDidChange(master);
+  EXPECT_EQ(log_.count("Stop handoff service"), 0u);
+  EXPECT_TRUE(QVRunMainQueueUntil([&] { return log_.count("Start handoff service") == 2; }));
   EXPECT_EQ(log_.count("Stop handoff service"), 1u);
+  manager_->setMetaStorages({storage()}); // a new list too
+  EXPECT_TRUE(QVRunMainQueueUntil([&] { return log_.count("Start handoff service") == 3; }));
+
+  manager_->stopHandoffService();
+  manager_->stopHandoffService();
+  EXPECT_EQ(log_.count("Stop handoff service"), 3u);
   EXPECT_FALSE(manager_->serviceStarted());
 }
 
@@ -106,6 +116,8 @@ TEST_F(QVHandoffManagerTest, StartWaitsForTheCloudContainer) {
 TEST_F(QVHandoffManagerTest, StorageListMakesOneBrowserEachAndOneMaster) {
   const QVHandoffManager::MetaStorageList storages = {storage("A"), storage("B"), storage("C")};
   manager_->setMetaStorages(storages);
+  EXPECT_EQ(QVHandoffManager::serviceTypeFromStorage(*storages[0]), "_qvhandoffA._tcp");
+  EXPECT_FALSE(QVHandoffManager::serviceTypeFromStorage(*storage()));
   ASSERT_EQ(manager_->serviceBrowsers().size(), 3u);
   EXPECT_EQ(manager_->masterStorage(), storages[0]);
   EXPECT_TRUE(storages[0]->master());
@@ -126,41 +138,6 @@ TEST_F(QVHandoffManagerTest, StorageListMakesOneBrowserEachAndOneMaster) {
   EXPECT_TRUE(storages[0]->master()); // once master, always master
   EXPECT_EQ(storages[0]->delegate(), nullptr);
   EXPECT_EQ(browsers[0]->delegate(), nullptr);
-}
-
-TEST_F(QVHandoffManagerTest, MetaChangesRestartOnlyAStartedService) {
-  const auto master = storage();
-  manager_->setMetaStorages({master});
-  manager_->metaDataStorageDidChange(master);
-  QVMainQueue::main().drain();
-  EXPECT_FALSE(manager_->serviceStarted());
-  EXPECT_EQ(log_.count("Start handoff service"), 0u);
-
-  manager_->startHandoffService();
-  manager_->metaDataStorageDidChange(master);
-  // Deferred to the main queue, never on the caller's stack.
-  EXPECT_EQ(log_.count("Stop handoff service"), 0u);
-  EXPECT_TRUE(QVRunMainQueueUntil([&] { return log_.count("Start handoff service") == 2; }));
-  EXPECT_EQ(log_.count("Stop handoff service"), 1u);
-  EXPECT_TRUE(manager_->serviceStarted());
-
-  // A new list restarts too.
-  manager_->setMetaStorages({storage()});
-  EXPECT_TRUE(QVRunMainQueueUntil([&] { return log_.count("Start handoff service") == 3; }));
-}
-
-TEST_F(QVHandoffManagerTest, ClassOperations) {
-  EXPECT_EQ(QVHandoffManager::deviceType(), 3);
-  EXPECT_EQ(QVHandoffManager::serviceTypeFromStorage(*storage("ABC")), "_qvhandoffABC._tcp");
-  EXPECT_FALSE(QVHandoffManager::serviceTypeFromStorage(*storage()));
-
-  const QVError error =
-      QVHandoffManager::errorFromNetServiceErrorDictionary(QVNetService::errorDictionary(-15));
-  EXPECT_EQ(error.domain, QVNetServicesErrorDomain);
-  EXPECT_EQ(error.code, -15);
-  EXPECT_TRUE(error.userInfo.empty());
-  EXPECT_EQ(QVHandoffManager::internalError(), (QVError{"com.quorvel.qvhandoff", 0, {}}));
-  EXPECT_FALSE(QVHandoffManager::productName().empty());
 }
 
 TEST_F(QVHandoffManagerTest, TXTRecordFollowsTheLocalDocuments) {

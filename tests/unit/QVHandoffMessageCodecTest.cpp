@@ -2,8 +2,6 @@
 #include "QVHandoff/QVHandoffAES256Data.h"
 #include "support/QVTestSupport.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 
 using json = nlohmann::json;

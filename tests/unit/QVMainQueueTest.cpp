@@ -3,8 +3,6 @@
 #include "Foundation/QVNotificationCenter.h"
 #include "support/QVTestSupport.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
 
