@@ -1,6 +1,7 @@
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 
 #include "Foundation/QVCFree.h"
+#include "Foundation/QVReadAhead.h"
 #include "Network/DNSSD/QVDNSSDHostRegistry.h"
 
 #include "Foundation/QVLog.h"
@@ -144,6 +145,9 @@ private:
     curl_off_t lastDownloaded = 0;
     curl_off_t lastUploaded = 0;
     bool timedOut = false;
+    // A body stream is pulled a slice ahead on a thread of its own; it goes before the task that holds the
+    // stream.
+    std::unique_ptr<QVReadAhead> bodyAhead;
   };
 
   void run();
@@ -514,15 +518,22 @@ size_t QVHTTPSessionEngine::onRead(char* buffer, size_t size, size_t count, void
   auto& transfer = *static_cast<Transfer*>(userdata);
   const size_t capacity = size * count;
   if (transfer.task->isCancelled() || transfer.engine->stopping()) return CURL_READFUNC_ABORT;
-  try {
-    const size_t read =
-        transfer.task->originalRequest().HTTPBodyStream()(reinterpret_cast<uint8_t*>(buffer), capacity);
-    if (read <= capacity) return read;
-    QV_LOG_ERROR("Couldn't send HTTP body: stream gave {} bytes for {}", read, capacity);
-  } catch (const std::exception& exception) {
-    QV_LOG_ERROR("Couldn't send HTTP body ({})", exception.what());
+  if (!transfer.bodyAhead) {
+    transfer.bodyAhead = std::make_unique<QVReadAhead>(
+        [task = transfer.task](uint8_t* slice, size_t length) -> std::optional<size_t> {
+          try {
+            const size_t read = task->originalRequest().HTTPBodyStream()(slice, length);
+            if (read <= length) return read;
+            QV_LOG_ERROR("Couldn't send HTTP body: stream gave {} bytes for {}", read, length);
+          } catch (const std::exception& exception) {
+            QV_LOG_ERROR("Couldn't send HTTP body ({})", exception.what());
+          }
+          return std::nullopt;
+        },
+        capacity);
   }
-  return CURL_READFUNC_ABORT;
+  const auto read = transfer.bodyAhead->read(reinterpret_cast<uint8_t*>(buffer), capacity);
+  return read ? *read : CURL_READFUNC_ABORT;
 }
 
 // Also the place where a cancel or an idle connection stops a transfer that moves no data.

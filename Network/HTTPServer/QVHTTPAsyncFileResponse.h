@@ -1,9 +1,9 @@
 #pragma once
 // A response that streams a file: each pull reads the next chunk from disk and hands it through
-// processReadBuffer(), which a subclass overrides to transform it (encrypt it) on its way into the
-// connection's outgoing buffer. Reading happens on the connection's own thread, which the server dedicates
-// to that connection, so a slow disk delays only this transfer. Ranges are not supported: the file is always
-// sent whole.
+// processReadBuffer(), which a subclass overrides to transform it (encrypt it) on its way into the buffer
+// that goes out. The server pulls it on a thread of its own, a chunk or two ahead of the connection's thread
+// that sends, so a slow disk delays only this transfer and reading and encrypting overlap sending. Ranges
+// are not supported: the file is always sent whole.
 
 #include "Foundation/QVTypes.h"
 #include "Network/HTTPServer/QVHTTPResponse.h"
@@ -23,6 +23,7 @@ public:
   bool isValid() const { return fd_ >= 0; }
   uint64_t contentLength() const override { return fileLength_; }
   std::optional<size_t> readData(uint8_t* buffer, size_t capacity) final;
+  bool producesAhead() const override { return true; }
 
   // Whether the whole body has been produced (and sent once nothing is pending).
   virtual bool isDone() const { return readOffset_ >= fileLength_; }
