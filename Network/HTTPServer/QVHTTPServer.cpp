@@ -28,6 +28,9 @@ using QVMHDResponse = std::unique_ptr<MHD_Response, QVCFree<&MHD_destroy_respons
 
 // The buffer of a response of known length; streamed (chunked) bodies use the connection's memory pool.
 constexpr size_t kResponseBlockSize = 32 * 1024;
+// A streamed body is produced ahead in pieces of at most this size, whatever room the connection has: two
+// of them wait at a time.
+constexpr size_t kReadAheadChunkSize = 256 * 1024;
 
 } // namespace
 
@@ -153,7 +156,7 @@ private:
           [response = body.response](uint8_t* chunk, size_t length) {
             return response->readData(chunk, length);
           },
-          capacity);
+          std::min(capacity, kReadAheadChunkSize));
     }
     auto* bytes = reinterpret_cast<uint8_t*>(buffer);
     const auto length =
