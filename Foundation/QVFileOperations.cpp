@@ -3,6 +3,9 @@
 #include "Foundation/QVUUID.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -47,20 +50,33 @@ bool somethingExists(const std::string& path) {
   return lstat(path.c_str(), &info) == 0;
 }
 
-// 0 or the errno.
-int copyContents(int in, int out) {
-  // In the kernel first (reflinks, server-side copies); file systems that refuse it get a plain loop, which
-  // picks up at the offsets copy_file_range has advanced.
+// Whether a kernel copy call was refused as such (not for this pair of files, not by this kernel), so that
+// the next way may be tried, as opposed to failing on the way.
+bool refused(int code) {
+  return code == EXDEV || code == ENOSYS || code == EINVAL || code == EOPNOTSUPP || code == ENOTTY;
+}
+
+// 0, the errno, or -1 when the call is refused; `copy` moves up to a given count from one descriptor's
+// offset to the other's, as copy_file_range and sendfile do.
+template <class Copy> int copyInKernel(Copy copy) {
   for (;;) {
-    const ssize_t copied = copy_file_range(in, nullptr, out, nullptr, kKernelCopyChunk, 0);
+    const ssize_t copied = copy(kKernelCopyChunk);
     if (copied > 0) continue;
     if (copied == 0) return 0;
     if (errno == EINTR) continue;
-    if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) {
-      return errno;
-    }
-    break;
+    return refused(errno) ? -1 : errno;
   }
+}
+
+// 0 or the errno.
+int copyContents(int in, int out) {
+  // A reflink shares the blocks, so even a large document costs next to nothing; then a copy in the kernel
+  // (server-side on network file systems), then sendfile; file systems that refuse them all get a plain loop.
+  // Each way picks up at the offsets the one before may have advanced.
+  if (ioctl(out, FICLONE, in) == 0) return 0;
+  int code = copyInKernel([&](size_t count) { return copy_file_range(in, nullptr, out, nullptr, count, 0); });
+  if (code < 0) code = copyInKernel([&](size_t count) { return sendfile(out, in, nullptr, count); });
+  if (code >= 0) return code;
   std::vector<uint8_t> buffer(kCopyBufferSize);
   for (;;) {
     const ssize_t count = ::read(in, buffer.data(), buffer.size());

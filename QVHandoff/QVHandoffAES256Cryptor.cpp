@@ -47,15 +47,56 @@ QVHandoffAES256Cryptor::~QVHandoffAES256Cryptor() = default;
 
 std::optional<QVData> QVHandoffAES256Cryptor::updateWithData(const uint8_t* bytes, size_t length) {
   QVData output = outputBufferForInputDataLength(length, false);
+  const auto produced = updateWithData(bytes, length, output.data(), output.size());
+  if (!produced) return std::nullopt;
+  output.resize(*produced);
+  return output;
+}
+
+std::optional<size_t> QVHandoffAES256Cryptor::updateWithData(const uint8_t* bytes, size_t length,
+                                                             QVData& reusedOutput) {
+  const auto size = static_cast<size_t>(outputLengthForInputDataLength(length, false));
+  if (reusedOutput.size() < size) reusedOutput.resize(size);
+  return updateWithData(bytes, length, reusedOutput.data(), reusedOutput.size());
+}
+
+std::optional<size_t> QVHandoffAES256Cryptor::updateWithData(const uint8_t* bytes, size_t length,
+                                                             uint8_t* output, size_t capacity) {
+  outputLengthForInputDataLength(length, false);
   size_t produced = 0;
-  const int32_t status =
-      Cipher::update(cryptor_.get(), bytes, length, output.data(), output.size(), produced);
+  const int32_t status = Cipher::update(cryptor_.get(), bytes, length, output, capacity, produced);
   if (status != Cipher::kSuccess) {
     QV_LOG_ERROR("Couldn't update cryptor with result({})", status);
     return std::nullopt;
   }
-  output.resize(produced);
-  return output;
+  return produced;
+}
+
+namespace {
+
+// As much of `bytes` as fits into `output`, the rest after `overflow`; once something waits there, all of
+// it does, so that the stream keeps its order.
+size_t spill(const QVData& bytes, std::span<uint8_t> output, QVData& overflow) {
+  const size_t fitting = overflow.empty() ? std::min(bytes.size(), output.size()) : 0;
+  std::copy_n(bytes.begin(), fitting, output.begin());
+  overflow.insert(overflow.end(), bytes.begin() + static_cast<std::ptrdiff_t>(fitting), bytes.end());
+  return fitting;
+}
+
+} // namespace
+
+std::optional<size_t> QVHandoffAES256Cryptor::updateWithData(const uint8_t* bytes, size_t length,
+                                                             std::span<uint8_t> output, QVData& overflow) {
+  // The cipher writes straight into the output, which must leave it a block of room; the input's last
+  // bytes go through a small buffer of their own.
+  const size_t direct = overflow.empty() && output.size() > Cipher::kBlockSize
+                            ? std::min(length, output.size() - Cipher::kBlockSize)
+                            : 0;
+  const auto produced = direct > 0 ? updateWithData(bytes, direct, output.data(), output.size()) : 0;
+  if (!produced) return std::nullopt;
+  const auto rest = updateWithData(bytes + direct, length - direct);
+  if (!rest) return std::nullopt;
+  return *produced + spill(*rest, output.subspan(*produced), overflow);
 }
 
 std::optional<QVData> QVHandoffAES256Cryptor::finish() {
@@ -70,10 +111,20 @@ std::optional<QVData> QVHandoffAES256Cryptor::finish() {
   return output;
 }
 
+std::optional<size_t> QVHandoffAES256Cryptor::finish(std::span<uint8_t> output, QVData& overflow) {
+  const auto last = finish();
+  if (!last) return std::nullopt;
+  return spill(*last, output, overflow);
+}
+
 QVData QVHandoffAES256Cryptor::outputBufferForInputDataLength(uint64_t length, bool final) {
+  return QVData(outputLengthForInputDataLength(length, final));
+}
+
+uint64_t QVHandoffAES256Cryptor::outputLengthForInputDataLength(uint64_t length, bool final) {
   // An update may release one held-back block besides what the chunk completes; the final step writes at
   // most one block however much came before, so its buffer stays small even after big chunks.
   const uint64_t size = final ? Cipher::kBlockSize : length + Cipher::kBlockSize;
   maxBufferSize_ = std::max(maxBufferSize_, size);
-  return QVData(size);
+  return size;
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 
 // Operation codes, with the values peers and log lines use.
 inline constexpr uint32_t QVHandoffAES256OperationEncrypt = 0;
@@ -34,8 +35,18 @@ public:
   std::optional<QVData> updateWithData(const QVData& data) {
     return updateWithData(data.data(), data.size());
   }
+  // The same into a buffer the caller keeps from chunk to chunk (grown when a chunk needs more room), so that
+  // a stream allocates once rather than once per chunk. How many bytes at its start are output, or none.
+  std::optional<size_t> updateWithData(const uint8_t* bytes, size_t length, QVData& reusedOutput);
+  // Into a buffer of any room: as much as fits goes to `output`, the rest to the end of `overflow`, which
+  // the caller hands out next (while it holds anything, everything goes there). The number of bytes
+  // written to `output`, or none on failure.
+  std::optional<size_t> updateWithData(const uint8_t* bytes, size_t length, std::span<uint8_t> output,
+                                       QVData& overflow);
   // The last block(s): padding added when encrypting, checked and removed when decrypting. None on failure.
   std::optional<QVData> finish();
+  // The same, as much as fits into `output` and the rest to the end of `overflow`.
+  std::optional<size_t> finish(std::span<uint8_t> output, QVData& overflow);
 
   uint64_t maxBufferSize() const { return maxBufferSize_; }
 
@@ -45,6 +56,8 @@ private:
   };
   QVHandoffAES256Cryptor(std::unique_ptr<evp_cipher_ctx_st, ContextFree> context, uint32_t operation);
   QVData outputBufferForInputDataLength(uint64_t length, bool final);
+  uint64_t outputLengthForInputDataLength(uint64_t length, bool final);
+  std::optional<size_t> updateWithData(const uint8_t* bytes, size_t length, uint8_t* output, size_t capacity);
 
   std::unique_ptr<evp_cipher_ctx_st, ContextFree> cryptor_;
   uint64_t maxBufferSize_ = 0;

@@ -27,22 +27,22 @@ QVHandoffAES256FileResponse::QVHandoffAES256FileResponse(const std::string& file
 
 QVHandoffAES256FileResponse::~QVHandoffAES256FileResponse() = default;
 
-void QVHandoffAES256FileResponse::processReadBuffer() {
-  auto encrypted = encryptor_->updateWithData(readBuffer_);
-  readBuffer_.clear();
+size_t QVHandoffAES256FileResponse::processReadBuffer(std::span<uint8_t> output) {
+  // Encrypted straight into the outgoing buffer: the chunk is never copied once more on its way out.
+  const auto encrypted =
+      encryptor_->updateWithData(readBuffer_.data(), readBuffer_.size(), output, dataReady_);
   if (!encrypted) {
     QV_LOG_ERROR("Couldn't continue encryption");
     abort();
-    return;
+    return 0;
   }
-  dataReady_ = std::move(*encrypted);
-  if (readOffset_ < fileLength_) return;
-  auto lastBlock = encryptor_->finish();
+  if (readOffset_ < fileLength_) return *encrypted;
+  const auto lastBlock = encryptor_->finish(output.subspan(*encrypted), dataReady_);
   if (!lastBlock) {
     QV_LOG_ERROR("Couldn't finish encryption");
     abort();
-    return;
+    return 0;
   }
-  dataReady_.insert(dataReady_.end(), lastBlock->begin(), lastBlock->end());
   encryptionFinished_ = true;
+  return *encrypted + *lastBlock;
 }

@@ -31,7 +31,7 @@ public:
   bool isDone() const override { return encryptionFinished_; }
 
 protected:
-  void processReadBuffer() override;
+  size_t processReadBuffer(std::span<uint8_t> output) override;
 
 private:
   std::unique_ptr<QVHandoffAES256Cryptor> encryptor_;

@@ -80,64 +80,62 @@ uint64_t QVHandoffAES256InputStream::read(uint8_t* buffer, uint64_t maxLength) {
   std::lock_guard lock(lock_);
   if (!hasBytesAvailable()) return 0;
   streamStatus_ = QVStreamStatus::Reading;
-  const uint64_t buffered = encryptedData_.size() - encryptedOffset_;
-  if (buffered < maxLength && !endOfFileReachedLocked() && !encryptNextSlice(buffer, maxLength)) return 0;
-
-  const size_t length =
-      static_cast<size_t>(std::min<uint64_t>(maxLength, encryptedData_.size() - encryptedOffset_));
+  const auto capacity = static_cast<size_t>(maxLength);
+  // Cipher text made before goes first; the next slice is encrypted straight behind it into the reader's
+  // buffer, and only what does not fit waits here.
+  const size_t buffered = encryptedData_.size() - encryptedOffset_;
+  size_t length = std::min(capacity, buffered);
   if (length > 0) std::memcpy(buffer, encryptedData_.data() + encryptedOffset_, length);
   encryptedOffset_ += length;
   if (encryptedOffset_ == encryptedData_.size()) {
     encryptedData_.clear();
     encryptedOffset_ = 0;
   }
+  if (buffered < capacity && !endOfFileReachedLocked()) {
+    const auto encrypted = encryptNextSlice(std::span<uint8_t>(buffer + length, capacity - length), capacity);
+    if (!encrypted) return 0;
+    length += *encrypted;
+  }
   streamStatus_ = QVStreamStatus::Open;
   return length;
 }
 
-// One file read per call, sized by the reader: the buffer never holds much more than two of its slices.
-// The plain slice waits in the reader's own buffer, which is filled with ciphertext only afterwards.
-bool QVHandoffAES256InputStream::encryptNextSlice(uint8_t* plainBuffer, uint64_t maxLength) {
+// One file read per call, sized by the reader: nothing waits here beyond a few blocks.
+std::optional<size_t> QVHandoffAES256InputStream::encryptNextSlice(std::span<uint8_t> output,
+                                                                   size_t maxLength) {
   const size_t wanted = static_cast<size_t>(std::min<uint64_t>(maxLength, endFileOffset_ - fileOffset_));
+  if (plainSlice_.size() < wanted) plainSlice_ = QVData(wanted);
   ssize_t count = -1;
   do {
-    count = ::read(fileHandle_->fileDescriptor(), plainBuffer, wanted);
+    count = ::read(fileHandle_->fileDescriptor(), plainSlice_.data(), wanted);
   } while (count < 0 && errno == EINTR);
   // A file that shrank or cannot be read would never reach its recorded end: the body stops here.
   if (count <= 0) {
     QV_LOG_ERROR("Couldn't continue encryption");
     streamStatus_ = QVStreamStatus::Error;
-    return false;
+    return std::nullopt;
   }
   fileOffset_ += static_cast<uint64_t>(count);
 
-  auto encrypted =
-      encryptor_ ? encryptor_->updateWithData(plainBuffer, static_cast<size_t>(count)) : std::nullopt;
+  auto encrypted = encryptor_ ? encryptor_->updateWithData(plainSlice_.data(), static_cast<size_t>(count),
+                                                           output, encryptedData_)
+                              : std::nullopt;
   if (!encrypted) {
     QV_LOG_ERROR("Couldn't continue encryption");
     streamStatus_ = QVStreamStatus::Error;
-    return false;
-  }
-  // What was handed out already goes before the new slice is appended.
-  encryptedData_.erase(encryptedData_.begin(),
-                       encryptedData_.begin() + static_cast<std::ptrdiff_t>(encryptedOffset_));
-  encryptedOffset_ = 0;
-  if (encryptedData_.empty()) {
-    encryptedData_ = std::move(*encrypted);
-  } else {
-    encryptedData_.insert(encryptedData_.end(), encrypted->begin(), encrypted->end());
+    return std::nullopt;
   }
   if (endOfFileReachedLocked()) {
-    auto lastBlock = encryptor_->finish();
+    const auto lastBlock = encryptor_->finish(output.subspan(*encrypted), encryptedData_);
     if (!lastBlock) {
       QV_LOG_ERROR("Couldn't finish encryption");
       streamStatus_ = QVStreamStatus::Error;
-      return false;
+      return std::nullopt;
     }
-    encryptedData_.insert(encryptedData_.end(), lastBlock->begin(), lastBlock->end());
+    *encrypted += *lastBlock;
   }
   postProgress();
-  return true;
+  return encrypted;
 }
 
 void QVHandoffAES256InputStream::postProgress() {

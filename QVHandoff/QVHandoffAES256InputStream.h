@@ -9,6 +9,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <span>
 #include <string>
 
 class QVFileHandle;
@@ -53,8 +55,9 @@ public:
 
 private:
   bool endOfFileReachedLocked() const;
-  // False, with the status set to Error, when the encryptor fails.
-  bool encryptNextSlice(uint8_t* plainBuffer, uint64_t maxLength);
+  // Reads up to maxLength plain bytes and puts their cipher text into `output`, the rest into encryptedData_;
+  // how much went to `output`, or none (with the status set to Error) when reading or the encryptor fails.
+  std::optional<size_t> encryptNextSlice(std::span<uint8_t> output, size_t maxLength);
   void postProgress();
   void notifyProgress();
 
@@ -63,6 +66,8 @@ private:
   QVStreamStatus streamStatus_ = QVStreamStatus::NotOpen;
   // Ciphertext made but not yet handed out, from encryptedOffset_ on.
   QVData encryptedData_;
+  // The slice read from the file, kept for the next one.
+  QVData plainSlice_;
   size_t encryptedOffset_ = 0;
   uint64_t fileOffset_ = 0;
   uint64_t endFileOffset_ = 0;

@@ -385,9 +385,9 @@ void QVHandoffHTTPConnection::prepareForSaveBack() {
   if (!unchanged) saveBackFilePath_ = QVGenerateMacStyleUniquePath(path, 0);
 }
 
-bool QVHandoffHTTPConnection::appendToSaveBackFile(const QVData& plaintext) {
+bool QVHandoffHTTPConnection::appendToSaveBackFile(const uint8_t* bytes, size_t length) {
   if (!saveBackFileHandle_) return true; // the move reports the missing file
-  if (saveBackFileHandle_->write(plaintext)) return true;
+  if (saveBackFileHandle_->write(bytes, length)) return true;
   // A short file must never replace the document.
   QV_LOG_ERROR("Couldn't write decrypted data on save back operation");
   disconnect();
@@ -395,14 +395,16 @@ bool QVHandoffHTTPConnection::appendToSaveBackFile(const QVData& plaintext) {
 }
 
 void QVHandoffHTTPConnection::processSaveBackData(const uint8_t* bytes, size_t length) {
-  auto plaintext = saveBackDecryptor_ ? saveBackDecryptor_->updateWithData(bytes, length) : std::nullopt;
+  const auto plaintext = saveBackDecryptor_
+                             ? saveBackDecryptor_->updateWithData(bytes, length, saveBackPlaintext_)
+                             : std::nullopt;
   if (!plaintext) {
     QV_LOG_ERROR("Couldn't continue descryption on save back operation");
     disconnect();
     return;
   }
-  if (!appendToSaveBackFile(*plaintext)) return;
-  totalDecryptedData_ += plaintext->size();
+  if (!appendToSaveBackFile(saveBackPlaintext_.data(), *plaintext)) return;
+  totalDecryptedData_ += *plaintext;
   // The denominator is the old document's size, so this may pass 1 or end below it.
   if (saveBackFileSize_ != 0) {
     postSaveBackNotificationWithProgress(static_cast<float>(totalDecryptedData_) /
@@ -417,7 +419,7 @@ void QVHandoffHTTPConnection::finishSaveBack() {
     disconnect();
     return;
   }
-  if (!appendToSaveBackFile(*plaintext)) return;
+  if (!appendToSaveBackFile(plaintext->data(), plaintext->size())) return;
   saveBackFileHandle_.reset();
   postWillSaveBackRemoteDocumentNotification();
   const auto manager = QVHandoffManager::defaultManager();

@@ -83,7 +83,7 @@ private:
   void prepareForSaveBack();
   void processSaveBackData(const uint8_t* bytes, size_t length);
   void finishSaveBack();
-  bool appendToSaveBackFile(const QVData& plaintext);
+  bool appendToSaveBackFile(const uint8_t* bytes, size_t length);
   // Removes the previous temporary file: a kept-alive connection may serve several requests.
   void replaceTempFilePath(std::string path);
 
@@ -95,6 +95,8 @@ private:
   uint64_t saveBackFileSize_ = 0;
   uint64_t totalDecryptedData_ = 0;
   std::unique_ptr<QVHandoffAES256Cryptor> saveBackDecryptor_;
+  // Every piece of the upload is decrypted into this one buffer.
+  QVData saveBackPlaintext_;
   std::shared_ptr<QVFileHandle> saveBackFileHandle_;
   std::string saveBackFilePath_;
   std::string filePathForSaveBackFailNotification_;

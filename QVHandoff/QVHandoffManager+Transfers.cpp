@@ -172,9 +172,11 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
     documentInfo->handleFileTransferError(internalError());
     return;
   }
-  // Shared by the data callback and the completion, which runs after the last chunk.
+  // Shared by the data callback and the completion, which runs after the last chunk. The callback decrypts
+  // every chunk into the one buffer it keeps for the whole download.
   const std::shared_ptr<QVHandoffAES256Cryptor> decryptor =
       QVHandoffAES256Cryptor::decryptorWithKeyData(serverInfo->AES256Key());
+  const auto plaintext = std::make_shared<QVData>();
 
   const std::string targetPath =
       QVGenerateMacStyleUniquePath(handoffFilePathForDocumentWithInfo(*documentInfo), 0);
@@ -242,21 +244,23 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
   // One slot for the whole session: this download takes it over, and an older one still running stops
   // receiving chunks and ends as incomplete.
   session.setDataTaskDidReceiveDataBlock(
-      [taskIdentifier = task->taskIdentifier(), decryptor, weakDocumentInfo = std::weak_ptr(documentInfo)](
-          QVHTTPSessionManager&, const std::shared_ptr<QVURLSessionDataTask>& chunkTask,
-          std::span<const uint8_t> data) {
+      [taskIdentifier = task->taskIdentifier(), decryptor, plaintext,
+       weakDocumentInfo = std::weak_ptr(documentInfo)](QVHTTPSessionManager&,
+                                                       const std::shared_ptr<QVURLSessionDataTask>& chunkTask,
+                                                       std::span<const uint8_t> data) {
         if (chunkTask->taskIdentifier() != taskIdentifier) return;
         // Torn down already (cancelled, failed): nothing more to decrypt or write.
         if (chunkTask->state() == QVURLSessionDataTask::State::Canceling) return;
         const auto documentInfo = weakDocumentInfo.lock();
         if (!documentInfo) return;
-        auto plain = decryptor ? decryptor->updateWithData(data.data(), data.size()) : std::nullopt;
-        if (!plain) {
+        const auto length =
+            decryptor ? decryptor->updateWithData(data.data(), data.size(), *plaintext) : std::nullopt;
+        if (!length) {
           QV_LOG_ERROR("Handoff remote document request decryption update error");
           documentInfo->handleFileTransferError(internalError());
           return;
         }
-        documentInfo->handleFileTransferData(*plain);
+        documentInfo->handleFileTransferData(plaintext->data(), *length);
       });
 
   documentInfo->setFileTransferHTTPOperation(task);

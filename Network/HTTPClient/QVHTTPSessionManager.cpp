@@ -1,6 +1,7 @@
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 
 #include "Foundation/QVCFree.h"
+#include "Foundation/QVReadAhead.h"
 #include "Network/DNSSD/QVDNSSDHostRegistry.h"
 
 #include "Foundation/QVLog.h"
@@ -33,8 +34,11 @@ using QVCurlString = std::unique_ptr<char, QVCFree<&curl_free>>;
 
 using Clock = std::chrono::steady_clock;
 
-// Bodies of unknown length go out in slices this large (curl's default is 64 KiB).
-constexpr long kUploadBufferSize = 1024 * 1024;
+// Bodies go out and come in in slices this large (curl's defaults are 64 and 16 KiB): a peer's server
+// streams in pieces of about this size, and each slice costs a file read or write, a cipher call and a
+// wakeup; larger ones gain no speed and only cost memory.
+constexpr long kUploadBufferSize = 256 * 1024;
+constexpr long kDownloadBufferSize = 256 * 1024;
 // The longest the thread sleeps between looks at its transfers; inactivity is measured at this grain.
 constexpr int kPollMilliseconds = 250;
 
@@ -141,6 +145,9 @@ private:
     curl_off_t lastDownloaded = 0;
     curl_off_t lastUploaded = 0;
     bool timedOut = false;
+    // A body stream is pulled a slice ahead on a thread of its own; it goes before the task that holds the
+    // stream.
+    std::unique_ptr<QVReadAhead> bodyAhead;
   };
 
   void run();
@@ -343,6 +350,7 @@ bool QVHTTPSessionEngine::configure(Transfer& transfer) {
   set(CURLOPT_HEADERDATA, &transfer);
   set(CURLOPT_WRITEFUNCTION, &QVHTTPSessionEngine::onWrite);
   set(CURLOPT_WRITEDATA, &transfer);
+  set(CURLOPT_BUFFERSIZE, kDownloadBufferSize);
   set(CURLOPT_NOPROGRESS, 0L);
   set(CURLOPT_XFERINFOFUNCTION, &QVHTTPSessionEngine::onProgress);
   set(CURLOPT_XFERINFODATA, &transfer);
@@ -510,15 +518,22 @@ size_t QVHTTPSessionEngine::onRead(char* buffer, size_t size, size_t count, void
   auto& transfer = *static_cast<Transfer*>(userdata);
   const size_t capacity = size * count;
   if (transfer.task->isCancelled() || transfer.engine->stopping()) return CURL_READFUNC_ABORT;
-  try {
-    const size_t read =
-        transfer.task->originalRequest().HTTPBodyStream()(reinterpret_cast<uint8_t*>(buffer), capacity);
-    if (read <= capacity) return read;
-    QV_LOG_ERROR("Couldn't send HTTP body: stream gave {} bytes for {}", read, capacity);
-  } catch (const std::exception& exception) {
-    QV_LOG_ERROR("Couldn't send HTTP body ({})", exception.what());
+  if (!transfer.bodyAhead) {
+    transfer.bodyAhead = std::make_unique<QVReadAhead>(
+        [task = transfer.task](uint8_t* slice, size_t length) -> std::optional<size_t> {
+          try {
+            const size_t read = task->originalRequest().HTTPBodyStream()(slice, length);
+            if (read <= length) return read;
+            QV_LOG_ERROR("Couldn't send HTTP body: stream gave {} bytes for {}", read, length);
+          } catch (const std::exception& exception) {
+            QV_LOG_ERROR("Couldn't send HTTP body ({})", exception.what());
+          }
+          return std::nullopt;
+        },
+        capacity);
   }
-  return CURL_READFUNC_ABORT;
+  const auto read = transfer.bodyAhead->read(reinterpret_cast<uint8_t*>(buffer), capacity);
+  return read ? *read : CURL_READFUNC_ABORT;
 }
 
 // Also the place where a cancel or an idle connection stops a transfer that moves no data.

@@ -21,6 +21,9 @@ public:
   // Copies the next bytes of the body into `buffer` (at most `capacity`, which is never 0). 0 means the
   // body is complete; none means it failed and the connection is dropped.
   virtual std::optional<size_t> readData(uint8_t* buffer, size_t capacity) = 0;
+  // Whether the body is worth producing on a thread of its own, a few pieces ahead of sending (a file read
+  // and transformed piece by piece); small bodies are not.
+  virtual bool producesAhead() const { return false; }
 
   // Headers of this response beside the ones the connection adds.
   const QVHTTPHeaders& httpHeaders() const { return httpHeaders_; }

@@ -3,6 +3,7 @@
 #include "Foundation/QVCFree.h"
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
+#include "Foundation/QVReadAhead.h"
 #include "Network/HTTPServer/QVHTTPConnection.h"
 #include "Network/HTTPServer/QVHTTPErrorResponse.h"
 
@@ -27,6 +28,9 @@ using QVMHDResponse = std::unique_ptr<MHD_Response, QVCFree<&MHD_destroy_respons
 
 // The buffer of a response of known length; streamed (chunked) bodies use the connection's memory pool.
 constexpr size_t kResponseBlockSize = 32 * 1024;
+// A streamed body is produced ahead in pieces of at most this size, whatever room the connection has: two
+// of them wait at a time.
+constexpr size_t kReadAheadChunkSize = 256 * 1024;
 
 } // namespace
 
@@ -138,19 +142,31 @@ private:
     return size;
   }
 
+  // What the library holds from queueing until it frees the body. The read-ahead thread holds the response
+  // too, and goes first.
+  struct Body {
+    std::shared_ptr<QVHTTPResponse> response;
+    std::unique_ptr<QVReadAhead> ahead;
+  };
+
   static ssize_t readBody(void* cls, uint64_t, char* buffer, size_t capacity) {
-    auto& response = *static_cast<std::shared_ptr<QVHTTPResponse>*>(cls);
-    const auto length = response->readData(reinterpret_cast<uint8_t*>(buffer), capacity);
+    auto& body = *static_cast<Body*>(cls);
+    if (!body.ahead && body.response->producesAhead()) {
+      body.ahead = std::make_unique<QVReadAhead>(
+          [response = body.response](uint8_t* chunk, size_t length) {
+            return response->readData(chunk, length);
+          },
+          std::min(capacity, kReadAheadChunkSize));
+    }
+    auto* bytes = reinterpret_cast<uint8_t*>(buffer);
+    const auto length =
+        body.ahead ? body.ahead->read(bytes, capacity) : body.response->readData(bytes, capacity);
     if (!length) return MHD_CONTENT_READER_END_WITH_ERROR;
     if (*length == 0) return MHD_CONTENT_READER_END_OF_STREAM;
     return static_cast<ssize_t>(*length);
   }
 
-  static void freeBody(void* cls) {
-    // The library owned the response from queueing until now.
-    std::unique_ptr<std::shared_ptr<QVHTTPResponse>> owned(
-        static_cast<std::shared_ptr<QVHTTPResponse>*>(cls));
-  }
+  static void freeBody(void* cls) { std::unique_ptr<Body> owned(static_cast<Body*>(cls)); }
 
   // The library's own answers (405, 404) are not preprocessed: they are not the connection's.
   static MHD_Result queue(QVHTTPConnection& connection, std::shared_ptr<QVHTTPResponse> response,
@@ -159,7 +175,7 @@ private:
     if (preprocess) connection.preprocessResponse(headers);
     const uint64_t size = response->isChunked() ? MHD_SIZE_UNKNOWN : response->contentLength();
     const auto status = static_cast<unsigned>(response->status());
-    auto owned = std::make_unique<std::shared_ptr<QVHTTPResponse>>(std::move(response));
+    auto owned = std::make_unique<Body>(Body{std::move(response), nullptr});
     QVMHDResponse handle(
         MHD_create_response_from_callback(size, kResponseBlockSize, &readBody, owned.get(), &freeBody));
     if (!handle) return MHD_NO;

@@ -24,8 +24,10 @@ struct QVHTTPServerLimits {
   unsigned perIPConnectionLimit = 32;
   // Seconds without traffic before a connection is closed; the client gives up after 60 s as well.
   unsigned connectionTimeoutSeconds = 60;
-  // Per connection: request headers, upload pieces and the chunks of streamed responses come from it.
-  size_t connectionMemoryLimit = 256 * 1024;
+  // Per connection: request headers, upload pieces and the chunks of streamed responses come from it. An
+  // upload arrives in pieces of half of it, and each piece of a save back waits for the main thread to
+  // take its progress notice, so 256 KiB pieces rather than 128 KiB ones.
+  size_t connectionMemoryLimit = 512 * 1024;
 };
 
 class QVHTTPServer {
