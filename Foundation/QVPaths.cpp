@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
-#include <string_view>
 
 namespace {
 
@@ -64,23 +63,4 @@ std::string QVGenerateMacStyleUniquePath(const std::string& path, int start) {
 std::string QVTemporaryDirectory() {
   if (auto tmp = absolutePathFromEnvironment("TMPDIR")) return *tmp;
   return "/tmp";
-}
-
-std::vector<std::string> QVDataDirectories() {
-  std::vector<std::string> folders;
-  if (auto xdg = absolutePathFromEnvironment("XDG_DATA_HOME")) {
-    folders.push_back(*xdg);
-  } else {
-    folders.push_back((std::filesystem::path(homeDirectory()) / ".local/share").string());
-  }
-  const char* shared = std::getenv("XDG_DATA_DIRS");
-  const std::string_view list = shared && shared[0] ? shared : "/usr/local/share/:/usr/share/";
-  for (size_t start = 0; start <= list.size();) {
-    const size_t end = std::min(list.find(':', start), list.size());
-    const std::string_view folder = list.substr(start, end - start);
-    // Relative entries are ignored, as the XDG rules ask.
-    if (!folder.empty() && folder.front() == '/') folders.emplace_back(folder);
-    start = end + 1;
-  }
-  return folders;
 }

@@ -2,7 +2,6 @@
 // Paths the framework places files at.
 
 #include <string>
-#include <vector>
 
 // The user's caches directory ($XDG_CACHE_HOME, else ~/.cache) with `name` appended. Creates nothing.
 std::string QVCachesDirectoryAdd(const std::string& name);
@@ -14,7 +13,3 @@ std::string QVGenerateMacStyleUniquePath(const std::string& path, int start = 0)
 
 // The system's temporary directory ($TMPDIR, else /tmp).
 std::string QVTemporaryDirectory();
-
-// The folders of shared data, the user's first: $XDG_DATA_HOME (else ~/.local/share), then $XDG_DATA_DIRS
-// (else /usr/local/share and /usr/share).
-std::vector<std::string> QVDataDirectories();

@@ -11,7 +11,7 @@ packages=(
   libspdlog-dev libfmt-dev
   nlohmann-json3-dev
   libplist-dev libplist-utils
-  shared-mime-info
+  libglib2.0-dev shared-mime-info
   uuid-dev
   libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev

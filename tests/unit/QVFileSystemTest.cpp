@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include <cerrno>
-#include <cstdlib>
 
 #include <sys/stat.h>
 
@@ -43,42 +42,6 @@ TEST_F(QVFileSystemTest, UniquePathsNeverNameSomethingThatExists) {
   EXPECT_NE(uuid, QVUUIDString());
   EXPECT_EQ(QVMIMETypeForPath("/a/Report.PDF"), "application/pdf");
   EXPECT_EQ(QVMIMETypeForPath("notes.qvunknownext"), "application/octet-stream");
-}
-
-TEST_F(QVFileSystemTest, MIMEGuessFollowsTheSharedDatabaseRules) {
-  QVCreateDirectory(folder_.file("user/mime"));
-  QVCreateDirectory(folder_.file("system/mime"));
-  const auto write = [](const std::string& path, const std::string& text) {
-    QVWriteFile(path, QVData(text.begin(), text.end()));
-  };
-  write(folder_.file("user/mime/globs2"), "50:application/x-user:*.qvdoc\n");
-  write(folder_.file("system/mime/globs2"), R"(# weight:type:pattern[:flags]
-50:application/x-system:*.qvdoc
-50:application/gzip:*.gz
-50:application/x-compressed-tar:*.tar.gz
-50:text/x-c++src:*.C:cs
-50:text/x-c++src:*.C
-50:text/x-csrc:*.c:cs
-50:text/x-csrc:*.c
-50:text/x-makefile:makefile
-60:application/x-sharedlib:*.so.[0-9]*
-40:text/plain:*.txt
-60:text/x-readme:*.txt
-)");
-  const std::string home = std::getenv("XDG_DATA_HOME") ? std::getenv("XDG_DATA_HOME") : "";
-  setenv("XDG_DATA_HOME", folder_.file("user").c_str(), 1);
-  setenv("XDG_DATA_DIRS", folder_.file("system").c_str(), 1);
-  EXPECT_EQ(QVMIMETypeForPath("/a/Report.qvdoc"), "application/x-user") << "the user's folder comes first";
-  EXPECT_EQ(QVMIMETypeForPath("A.TAR.GZ"), "application/x-compressed-tar") << "the longest suffix wins";
-  EXPECT_EQ(QVMIMETypeForPath("x.c"), "text/x-csrc");
-  EXPECT_EQ(QVMIMETypeForPath("x.C"), "text/x-c++src") << "a case-sensitive pattern and its plain repeat";
-  EXPECT_EQ(QVMIMETypeForPath("/src/MAKEFILE"), "text/x-makefile");
-  EXPECT_EQ(QVMIMETypeForPath("libx.so.1"), "application/x-sharedlib");
-  EXPECT_EQ(QVMIMETypeForPath("notes.txt"), "text/x-readme") << "the heavier of two equal suffixes";
-  EXPECT_EQ(QVMIMETypeForPath("folder/"), "inode/directory");
-  EXPECT_EQ(QVMIMETypeForPath("notes.md"), "application/octet-stream");
-  home.empty() ? unsetenv("XDG_DATA_HOME") : setenv("XDG_DATA_HOME", home.c_str(), 1);
-  unsetenv("XDG_DATA_DIRS");
 }
 
 TEST_F(QVFileSystemTest, CopyAndReplacingMoveLeaveNoHalfFiles) {
