@@ -25,6 +25,9 @@ public:
   static std::unique_ptr<QVHandoffAES256Cryptor> initWithKeyData(const QVData& keyData,
                                                                  uint32_t forOperation);
 
+  // AES's block: the unit that CBC holds back and that padding adds.
+  static constexpr size_t kBlockSize = 16;
+
   QVHandoffAES256Cryptor(const QVHandoffAES256Cryptor&) = delete;
   QVHandoffAES256Cryptor& operator=(const QVHandoffAES256Cryptor&) = delete;
   ~QVHandoffAES256Cryptor();

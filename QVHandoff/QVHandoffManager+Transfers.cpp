@@ -19,9 +19,12 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <filesystem>
 #include <limits>
+#include <span>
 #include <string_view>
 
 QV_LOG_SOURCE("QVHandoff/QVHandoffManager")
@@ -29,6 +32,40 @@ QV_LOG_SOURCE("QVHandoff/QVHandoffManager")
 namespace {
 
 using DocumentInfoSet = QVHandoffManager::DocumentInfoSet;
+
+// The client hands a download on in pieces of a few KiB. Decrypted, they are gathered and written in
+// whole pages, a batch at a time: a page-cache write per piece costs more than decrypting it.
+constexpr size_t kDownloadBatchSize = 128 * 1024;
+constexpr size_t kPageSize = 4096;
+
+struct DecryptedBatch {
+  QVData bytes;
+  size_t length = 0;
+};
+
+// Decrypts one piece onto the end of the batch (growing it only for a piece larger than the client's own).
+std::optional<size_t> decryptIntoBatch(QVHandoffAES256Cryptor& decryptor, std::span<const uint8_t> piece,
+                                       DecryptedBatch& batch) {
+  // A piece of n bytes gives at most n + 16 (the block held back from the last one); the cipher wants a
+  // block of room beyond that, so nothing ever spills into `overflow`.
+  const size_t room = piece.size() + 2 * QVHandoffAES256Cryptor::kBlockSize;
+  if (batch.bytes.size() < batch.length + room)
+    batch.bytes.resize(std::max(batch.length, kDownloadBatchSize) + room);
+  QVData overflow;
+  const auto length = decryptor.updateWithData(
+      piece.data(), piece.size(), std::span(batch.bytes).subspan(batch.length), overflow);
+  if (length) batch.length += *length;
+  return length;
+}
+
+// Writes the batch's whole pages once it is full, or all of it at the end.
+void handOnBatch(DecryptedBatch& batch, QVHandoffDocumentInfo& documentInfo, bool all) {
+  if (!all && batch.length < kDownloadBatchSize) return;
+  const size_t length = all ? batch.length : batch.length / kPageSize * kPageSize;
+  documentInfo.handleFileTransferData(batch.bytes.data(), length);
+  std::memmove(batch.bytes.data(), batch.bytes.data() + length, batch.length - length);
+  batch.length -= length;
+}
 
 bool isCancellation(const std::optional<QVError>& error) {
   return error && error->domain == QVURLErrorDomain && error->code == QVURLError::Cancelled;
@@ -172,11 +209,11 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
     documentInfo->handleFileTransferError(internalError());
     return;
   }
-  // Shared by the data callback and the completion, which runs after the last chunk. The callback decrypts
-  // every chunk into the one buffer it keeps for the whole download.
+  // Shared by the data callback and the completion, which runs after the last chunk and writes what the
+  // batch still holds.
   const std::shared_ptr<QVHandoffAES256Cryptor> decryptor =
       QVHandoffAES256Cryptor::decryptorWithKeyData(serverInfo->AES256Key());
-  const auto plaintext = std::make_shared<QVData>();
+  const auto batch = std::make_shared<DecryptedBatch>();
 
   const std::string targetPath =
       QVGenerateMacStyleUniquePath(handoffFilePathForDocumentWithInfo(*documentInfo), 0);
@@ -188,7 +225,7 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
   // Streamed: the document only ever passes through the data callback, never whole in memory.
   const auto task = session.dataTaskWithRequest(
       *request,
-      [this, manager = weak_from_this().lock(), serverInfo, documentInfo, decryptor,
+      [this, manager = weak_from_this().lock(), serverInfo, documentInfo, decryptor, batch,
        targetPath](std::shared_ptr<const QVHTTPURLResponse> response, std::optional<QVData>,
                    std::optional<QVError> error) {
         if (isCancellation(error)) return;
@@ -198,12 +235,13 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
           documentInfo->handleFileTransferError(*error);
           return;
         }
-        auto lastData = decryptor ? decryptor->finish() : std::nullopt;
+        const auto lastData = decryptor ? decryptor->finish() : std::nullopt;
         if (!lastData) {
           QV_LOG_ERROR("Handoff remote document request decryption finish error");
           documentInfo->handleFileTransferError(internalError());
           return;
         }
+        handOnBatch(*batch, *documentInfo, true);
         documentInfo->handleFileTransferData(*lastData);
 
         const auto lastModified =
@@ -244,7 +282,7 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
   // One slot for the whole session: this download takes it over, and an older one still running stops
   // receiving chunks and ends as incomplete.
   session.setDataTaskDidReceiveDataBlock(
-      [taskIdentifier = task->taskIdentifier(), decryptor, plaintext,
+      [taskIdentifier = task->taskIdentifier(), decryptor, batch,
        weakDocumentInfo = std::weak_ptr(documentInfo)](QVHTTPSessionManager&,
                                                        const std::shared_ptr<QVURLSessionDataTask>& chunkTask,
                                                        std::span<const uint8_t> data) {
@@ -253,14 +291,12 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
         if (chunkTask->state() == QVURLSessionDataTask::State::Canceling) return;
         const auto documentInfo = weakDocumentInfo.lock();
         if (!documentInfo) return;
-        const auto length =
-            decryptor ? decryptor->updateWithData(data.data(), data.size(), *plaintext) : std::nullopt;
-        if (!length) {
+        if (!decryptor || !decryptIntoBatch(*decryptor, data, *batch)) {
           QV_LOG_ERROR("Handoff remote document request decryption update error");
           documentInfo->handleFileTransferError(internalError());
           return;
         }
-        documentInfo->handleFileTransferData(plaintext->data(), *length);
+        handOnBatch(*batch, *documentInfo, false);
       });
 
   documentInfo->setFileTransferHTTPOperation(task);
