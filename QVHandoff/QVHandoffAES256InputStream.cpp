@@ -103,11 +103,23 @@ uint64_t QVHandoffAES256InputStream::read(uint8_t* buffer, uint64_t maxLength) {
 // One file read per call, sized by the reader: nothing waits here beyond a few blocks.
 std::optional<size_t> QVHandoffAES256InputStream::encryptNextSlice(std::span<uint8_t> output,
                                                                    size_t maxLength) {
-  const size_t wanted = static_cast<size_t>(std::min<uint64_t>(maxLength, endFileOffset_ - fileOffset_));
-  if (plainSlice_.size() < wanted) plainSlice_ = QVData(wanted);
+  const uint64_t remaining = endFileOffset_ - fileOffset_;
+  // While everything read so far was whole blocks, the cipher holds nothing back: whole blocks are read
+  // straight into the output and encrypted where they lie, leaving a block of room for the padding.
+  // Otherwise (small outputs, a short read) the slice goes through a buffer of its own.
+  size_t wanted = 0;
+  uint8_t* target = output.data();
+  constexpr size_t block = QVHandoffAES256Cryptor::kBlockSize;
+  if (fileOffset_ % block == 0 && encryptedData_.empty() && output.size() > block)
+    wanted = static_cast<size_t>(std::min<uint64_t>(remaining, (output.size() - block) / block * block));
+  if (wanted == 0) {
+    wanted = static_cast<size_t>(std::min<uint64_t>(maxLength, remaining));
+    if (plainSlice_.size() < wanted) plainSlice_ = QVData(wanted);
+    target = plainSlice_.data();
+  }
   ssize_t count = -1;
   do {
-    count = ::read(fileHandle_->fileDescriptor(), plainSlice_.data(), wanted);
+    count = ::read(fileHandle_->fileDescriptor(), target, wanted);
   } while (count < 0 && errno == EINTR);
   // A file that shrank or cannot be read would never reach its recorded end: the body stops here.
   if (count <= 0) {
@@ -117,8 +129,8 @@ std::optional<size_t> QVHandoffAES256InputStream::encryptNextSlice(std::span<uin
   }
   fileOffset_ += static_cast<uint64_t>(count);
 
-  auto encrypted = encryptor_ ? encryptor_->updateWithData(plainSlice_.data(), static_cast<size_t>(count),
-                                                           output, encryptedData_)
+  auto encrypted = encryptor_ ? encryptor_->updateWithData(target, static_cast<size_t>(count), output,
+                                                           encryptedData_)
                               : std::nullopt;
   if (!encrypted) {
     QV_LOG_ERROR("Couldn't continue encryption");

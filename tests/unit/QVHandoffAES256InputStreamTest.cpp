@@ -47,6 +47,24 @@ TEST_F(QVHandoffAES256InputStreamTest, HandsOutTheCipherTextOfTheWholeFileInAnyS
     EXPECT_EQ(progress_.size(), capacity >= 100 ? 1u : (100 + capacity - 1) / capacity) << capacity;
   }
 
+  // Larger files, read in slices that alternate between room for whole blocks (encrypted where they are
+  // read) and odd sizes that leave cipher text waiting and the file at odd offsets.
+  const QVData large = QVTestBytes(10007);
+  const QVData largeCipher = QVHandoffAES256Data::encryptWithKeyData(large, key_).value();
+  for (const auto& capacities : {std::vector<size_t>{33}, std::vector<size_t>{1000}, std::vector<size_t>{1000, 7},
+                                 std::vector<size_t>{4096, 4097, 20}}) {
+    const auto source = stream(large);
+    QVData all;
+    QVData slice(4097);
+    for (size_t call = 0; source->hasBytesAvailable() && call < 1000; ++call) {
+      const size_t capacity = capacities[call % capacities.size()];
+      const uint64_t length = source->read(slice.data(), capacity);
+      ASSERT_LE(length, capacity);
+      all.insert(all.end(), slice.begin(), slice.begin() + static_cast<std::ptrdiff_t>(length));
+    }
+    EXPECT_TRUE(all == largeCipher) << capacities.size() << " capacities from " << capacities.front();
+  }
+
   // Nothing to read: no padding block either, and no progress.
   progress_.clear();
   EXPECT_TRUE(readAll(*stream({}), 16).empty());
