@@ -33,7 +33,7 @@ void QVReadAhead::run() {
     std::vector<uint8_t> bytes;
     {
       std::unique_lock lock(mutex_);
-      changed_.wait(lock, [&] { return stopping_ || ready_.size() < chunksAhead_; });
+      changed_.wait(lock, [&] { return stopping_ || untouchedChunks() < chunksAhead_; });
       if (stopping_) return;
       if (!spare_.empty()) {
         bytes = std::move(spare_.back());
@@ -57,20 +57,27 @@ void QVReadAhead::run() {
   }
 }
 
+size_t QVReadAhead::untouchedChunks() const {
+  return ready_.size() - (!ready_.empty() && ready_.front().offset > 0 ? 1 : 0);
+}
+
 std::optional<size_t> QVReadAhead::read(uint8_t* buffer, size_t capacity) {
   if (!thread_.joinable()) return pull_(buffer, capacity);
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [&] { return !ready_.empty() || ended_; });
   if (ready_.empty()) return failed_ ? std::nullopt : std::optional<size_t>(0);
   Chunk& chunk = ready_.front();
+  const bool started = chunk.offset == 0;
   const size_t length = std::min(capacity, chunk.length - chunk.offset);
   std::memcpy(buffer, chunk.bytes.data() + chunk.offset, length);
   chunk.offset += length;
-  if (chunk.offset == chunk.length) {
+  const bool drained = chunk.offset == chunk.length;
+  if (drained) {
     spare_.push_back(std::move(chunk.bytes));
     ready_.pop_front();
-    lock.unlock();
-    changed_.notify_all();
   }
+  lock.unlock();
+  // Starting on a chunk frees the puller as much as finishing one.
+  if (started || drained) changed_.notify_all();
   return length;
 }

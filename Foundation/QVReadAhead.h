@@ -18,7 +18,9 @@ public:
   // read-ahead thread only, one call at a time.
   using Pull = std::function<std::optional<size_t>(uint8_t* buffer, size_t capacity)>;
 
-  QVReadAhead(Pull pull, size_t chunkCapacity, size_t chunksAhead = 2);
+  // `chunksAhead` counts the chunks pulled that the reader has not started on: with one, a chunk is pulled
+  // while the reader drains the last, and two chunks exist at most.
+  QVReadAhead(Pull pull, size_t chunkCapacity, size_t chunksAhead = 1);
   // Stops pulling and waits for a pull under way: the source may go once this returns.
   ~QVReadAhead();
   QVReadAhead(const QVReadAhead&) = delete;
@@ -35,6 +37,8 @@ private:
     size_t offset = 0;
   };
   void run();
+  // Chunks that the reader has not started on. Under the mutex.
+  size_t untouchedChunks() const;
 
   const Pull pull_;
   const size_t chunkCapacity_;

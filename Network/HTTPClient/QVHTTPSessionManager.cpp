@@ -34,11 +34,15 @@ using QVCurlString = std::unique_ptr<char, QVCFree<&curl_free>>;
 
 using Clock = std::chrono::steady_clock;
 
-// Bodies go out and come in in slices this large (curl's defaults are 64 and 16 KiB): a peer's server
-// streams in pieces of about this size, and each slice costs a file read or write, a cipher call and a
-// wakeup; larger ones gain no speed and only cost memory.
+// A streamed download comes in in slices this large (curl's default is 16 KiB): each slice costs a wakeup
+// and a cipher call, and larger ones gain no speed and only cost memory. Small answers keep the default.
+constexpr long kStreamedDownloadBufferSize = 128 * 1024;
+// A streamed upload is read and encrypted on a thread of its own, up to three chunks ahead of curl, which
+// sends from a buffer of its own. Fewer, larger sends leave more of the machine to the cipher, which is
+// what bounds an upload.
+constexpr size_t kUploadChunkSize = 128 * 1024;
+constexpr size_t kUploadChunksAhead = 3;
 constexpr long kUploadBufferSize = 256 * 1024;
-constexpr long kDownloadBufferSize = 256 * 1024;
 // The longest the thread sleeps between looks at its transfers; inactivity is measured at this grain.
 constexpr int kPollMilliseconds = 250;
 
@@ -350,7 +354,8 @@ bool QVHTTPSessionEngine::configure(Transfer& transfer) {
   set(CURLOPT_HEADERDATA, &transfer);
   set(CURLOPT_WRITEFUNCTION, &QVHTTPSessionEngine::onWrite);
   set(CURLOPT_WRITEDATA, &transfer);
-  set(CURLOPT_BUFFERSIZE, kDownloadBufferSize);
+  if (transfer.task->bodyDelivery() == QVURLSessionDataTask::BodyDelivery::Streamed)
+    set(CURLOPT_BUFFERSIZE, kStreamedDownloadBufferSize);
   set(CURLOPT_NOPROGRESS, 0L);
   set(CURLOPT_XFERINFOFUNCTION, &QVHTTPSessionEngine::onProgress);
   set(CURLOPT_XFERINFODATA, &transfer);
@@ -530,7 +535,7 @@ size_t QVHTTPSessionEngine::onRead(char* buffer, size_t size, size_t count, void
           }
           return std::nullopt;
         },
-        capacity);
+        kUploadChunkSize, kUploadChunksAhead);
   }
   const auto read = transfer.bodyAhead->read(reinterpret_cast<uint8_t*>(buffer), capacity);
   return read ? *read : CURL_READFUNC_ABORT;

@@ -28,9 +28,10 @@ using QVMHDResponse = std::unique_ptr<MHD_Response, QVCFree<&MHD_destroy_respons
 
 // The buffer of a response of known length; streamed (chunked) bodies use the connection's memory pool.
 constexpr size_t kResponseBlockSize = 32 * 1024;
-// A streamed body is produced ahead in pieces of at most this size, whatever room the connection has: two
-// of them wait at a time.
-constexpr size_t kReadAheadChunkSize = 256 * 1024;
+// A streamed body is produced in pieces of at most this size, whatever room the connection has, up to two
+// ahead of the one being sent: the producer must not wait for each wakeup of the sender.
+constexpr size_t kReadAheadChunkSize = 128 * 1024;
+constexpr size_t kReadAheadChunks = 2;
 
 } // namespace
 
@@ -156,7 +157,7 @@ private:
           [response = body.response](uint8_t* chunk, size_t length) {
             return response->readData(chunk, length);
           },
-          std::min(capacity, kReadAheadChunkSize));
+          std::min(capacity, kReadAheadChunkSize), kReadAheadChunks);
     }
     auto* bytes = reinterpret_cast<uint8_t*>(buffer);
     const auto length =
