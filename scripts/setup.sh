@@ -5,7 +5,9 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config git ca-certificates
   libmicrohttpd-dev
-  libcurl4-openssl-dev
+  # libcurl's GnuTLS flavour: libmicrohttpd loads GnuTLS anyway and no transfer here uses TLS, so this
+  # spares every process the OpenSSL flavour's libssl.
+  libcurl4-gnutls-dev
   libssl-dev openssl
   libavahi-client-dev libavahi-core-dev avahi-daemon avahi-utils dbus
   libspdlog-dev libfmt-dev
