@@ -109,8 +109,9 @@ void QVHandoffDocumentInfo::handleFileTransferData(const uint8_t* bytes, size_t 
   float progress = 0;
   {
     const std::lock_guard lock(lock_);
-    // A failed write is the handle's concern; the byte count below still decides the outcome.
-    if (fileHandle_) (void)fileHandle_->write(bytes, length);
+    // Bytes that did not reach the file (a full disk) are not counted, so the transfer ends incomplete
+    // and its partial copy is deleted rather than handed over truncated.
+    if (fileHandle_ && !fileHandle_->write(bytes, length)) return;
     // Without a known size there is nothing to measure progress against.
     if (fileSize_ == 0) return;
     fileDataSizeHandled_ += length;

@@ -139,6 +139,12 @@ TEST_F(QVHandoffDocumentInfoTest, ProgressIsThrottledAndNeedsAKnownSize) {
   info->handleFileTransferProgress(0.8f);
   EXPECT_EQ(info->notifiedProgress(), 0.0f);
 
+  // A write that fails (a full disk) is not counted: the transfer cannot end as complete.
+  info = transferring(100);
+  info->setFileHandle(QVFileHandle::forWritingAtPath("/dev/full"));
+  onNetworkThread([&] { info->handleFileTransferData(QVTestBytes(100)); });
+  EXPECT_FALSE(info->fileTransferred());
+
   info = transferring(0);
   progresses.clear();
   onNetworkThread([&] { info->handleFileTransferData(QVTestBytes(50)); });
