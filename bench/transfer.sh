@@ -7,8 +7,9 @@
 #   bench/transfer.sh [--build DIR] [--mib N] [--rounds N]
 #
 # Every contender starts from the same page cache: the document cached and nothing dirty left by the one
-# before. The contenders take turns for --rounds rounds (default 3) and each one's best rate counts, so
-# that a burst of load on a shared machine does not decide a ratio; RSS is the highest of the rounds.
+# before. The contenders take turns for --rounds rounds (default 5), in an order that turns each round,
+# and each one's best rate counts, so that a burst of load on a shared machine does not decide a ratio;
+# RSS is the highest of the rounds.
 # nginx and openssh-server are installed with apt when missing (their packaged services kept from
 # starting); both run with this script's own configuration on 127.0.0.1 only and are stopped on exit.
 set -euo pipefail
@@ -16,7 +17,7 @@ cd "$(dirname "$0")/.."
 
 build=build-bench
 mib=1024
-rounds=3
+rounds=5
 while [ $# -gt 0 ]; do
   case "$1" in
   --build) build=$2; shift 2 ;;
@@ -175,20 +176,33 @@ scp_run() {
 get_rate=0 save_rate=0 openssl_rate=0 curl_rate=0 scp_rate=0
 get_server=0 get_client=0 save_server=0 save_client=0
 get_server_small=0 get_client_small=0 save_server_small=0 save_client_small=0
+# One contender's turn; the framework's turn also measures both transfers at 1 MB.
+turn() {
+  case "$1" in
+  get)
+    read -r r s c < <(framework get "$big")
+    get_rate=$(larger "$get_rate" "$r") get_server=$(larger "$get_server" "$s") get_client=$(larger "$get_client" "$c")
+    read -r _ s c < <(framework get "$small")
+    get_server_small=$(larger "$get_server_small" "$s") get_client_small=$(larger "$get_client_small" "$c") ;;
+  save-back)
+    read -r r s c < <(framework save-back "$big")
+    save_rate=$(larger "$save_rate" "$r") save_server=$(larger "$save_server" "$s")
+    save_client=$(larger "$save_client" "$c")
+    read -r _ s c < <(framework save-back "$small")
+    save_server_small=$(larger "$save_server_small" "$s") save_client_small=$(larger "$save_client_small" "$c") ;;
+  openssl) openssl_rate=$(larger "$openssl_rate" "$(openssl_run)") ;;
+  curl) curl_rate=$(larger "$curl_rate" "$(curl_run)") ;;
+  scp) scp_rate=$(larger "$scp_rate" "$(scp_run)") ;;
+  esac
+}
+
+# The order turns by one each round, so that no contender always follows the same one (on a virtual
+# machine, what the one before freed decides how much of the next one's memory is already backed).
+contenders=(get save-back openssl curl scp)
 for round in $(seq "$rounds"); do
-  echo "== round $round of $rounds: framework ($mib MiB and 1 MB), openssl | openssl, nginx + curl, scp" >&2
-  read -r r s c < <(framework get "$big")
-  get_rate=$(larger "$get_rate" "$r") get_server=$(larger "$get_server" "$s") get_client=$(larger "$get_client" "$c")
-  read -r r s c < <(framework save-back "$big")
-  save_rate=$(larger "$save_rate" "$r") save_server=$(larger "$save_server" "$s")
-  save_client=$(larger "$save_client" "$c")
-  read -r _ s c < <(framework get "$small")
-  get_server_small=$(larger "$get_server_small" "$s") get_client_small=$(larger "$get_client_small" "$c")
-  read -r _ s c < <(framework save-back "$small")
-  save_server_small=$(larger "$save_server_small" "$s") save_client_small=$(larger "$save_client_small" "$c")
-  openssl_rate=$(larger "$openssl_rate" "$(openssl_run)")
-  curl_rate=$(larger "$curl_rate" "$(curl_run)")
-  scp_rate=$(larger "$scp_rate" "$(scp_run)")
+  order=("${contenders[@]:round % 5}" "${contenders[@]:0:round % 5}")
+  echo "== round $round of $rounds: ${order[*]}" >&2
+  for contender in "${order[@]}"; do turn "$contender"; done
 done
 
 ratio() { python3 -c "print(f'{$1 / $2:.2f}')"; }
