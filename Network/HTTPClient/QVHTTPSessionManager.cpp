@@ -37,12 +37,12 @@ using Clock = std::chrono::steady_clock;
 // A streamed download comes in in slices this large (curl's default is 16 KiB): each slice costs a wakeup
 // and a cipher call, and larger ones gain no speed and only cost memory. Small answers keep the default.
 constexpr long kStreamedDownloadBufferSize = 128 * 1024;
-// A streamed upload is read and encrypted on a thread of its own, up to three chunks ahead of curl, which
-// sends from a buffer of its own. Fewer, larger sends leave more of the machine to the cipher, which is
-// what bounds an upload.
+// A streamed upload is read and encrypted on a thread of its own, up to two chunks ahead of curl, which
+// sends one chunk per call from a buffer of its own. Fewer, larger sends leave more of the machine to the
+// cipher, which is what bounds an upload (curl's default buffer is 64 KiB).
 constexpr size_t kUploadChunkSize = 128 * 1024;
-constexpr size_t kUploadChunksAhead = 3;
-constexpr long kUploadBufferSize = 256 * 1024;
+constexpr size_t kUploadChunksAhead = 2;
+constexpr long kUploadBufferSize = kUploadChunkSize;
 // The longest the thread sleeps between looks at its transfers; inactivity is measured at this grain.
 constexpr int kPollMilliseconds = 250;
 
