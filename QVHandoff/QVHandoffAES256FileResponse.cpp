@@ -3,6 +3,7 @@
 #include "Foundation/QVDateFormatting.h"
 #include "Foundation/QVLog.h"
 #include "QVHandoff/QVHandoffAES256Cryptor.h"
+#include "QVHandoff/QVHandoffProtocol.h"
 
 #include <fmt/format.h>
 
@@ -16,8 +17,8 @@ std::shared_ptr<QVHandoffAES256FileResponse> QVHandoffAES256FileResponse::initWi
   if (!response->isValid()) return nullptr;
   response->encryptor_ = QVHandoffAES256Cryptor::encryptorWithKeyData(withKeyData);
   if (!response->encryptor_) return nullptr;
-  response->setHttpHeaders({{"Last-Modified", QVFormatHTTPDate(*modificationDate)},
-                            {"X-Decoded-Content-Length", fmt::format("{}", fileSize)}});
+  response->setHttpHeaders({{QVHandoffLastModifiedHeader, QVFormatHTTPDate(*modificationDate)},
+                            {QVHandoffDecodedContentLengthHeader, fmt::format("{}", fileSize)}});
   return response;
 }
 

@@ -16,6 +16,7 @@
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffHTTPServer.h"
 #include "QVHandoff/QVHandoffManager.h"
+#include "QVHandoff/QVHandoffProtocol.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -26,13 +27,6 @@ QV_LOG_SOURCE("QVHandoff/QVHandoffHTTPConnection")
 
 namespace {
 
-constexpr std::string_view kTabsListPath = "/api/tabs_list";
-constexpr std::string_view kHandoffPath = "/api/handoff";
-constexpr std::string_view kMarkAsModifiedPath = "/api/mark_as_modified";
-constexpr std::string_view kForceRemoteSaveBackPath = "/api/force_remote_save_back";
-constexpr std::string_view kSaveBackPath = "/api/save_back";
-constexpr const char* kAES256ContentEncoding = "x-quorvel-aes256";
-constexpr const char* kJSONContentType = "application/json";
 constexpr const char* kUnknownMIMEType = "application/octet-stream";
 
 // A string value of a request object; anything else (absent, another type, not an object) is absent.
@@ -163,11 +157,11 @@ void QVHandoffHTTPConnection::replaceTempFilePath(std::string path) {
 QVHandoffHTTPConnection::Route QVHandoffHTTPConnection::routeForRequest(const std::string& method,
                                                                         const std::string& uri) {
   if (method != "POST") return Route::None;
-  if (uri == kTabsListPath) return Route::TabsList;
-  if (uri == kHandoffPath) return Route::Handoff;
-  if (uri == kMarkAsModifiedPath) return Route::MarkAsModified;
-  if (uri == kForceRemoteSaveBackPath) return Route::ForceRemoteSaveBack;
-  if (uri.starts_with(kSaveBackPath)) return Route::SaveBack;
+  if (uri == QVHandoffTabsListRequestPath) return Route::TabsList;
+  if (uri == QVHandoffHandoffDocumentRequestPath) return Route::Handoff;
+  if (uri == QVHandoffMarkAsModifiedFileRequestPath) return Route::MarkAsModified;
+  if (uri == QVHandoffForceRemoteSaveBackFileRequestPath) return Route::ForceRemoteSaveBack;
+  if (uri.starts_with(QVHandoffSaveBackRequestPath)) return Route::SaveBack;
   return Route::None;
 }
 
@@ -240,8 +234,8 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::httpResponseForMethod(c
 }
 
 void QVHandoffHTTPConnection::preprocessResponse(QVHTTPHeaders& headers) {
-  headers["Content-Encoding"] = kAES256ContentEncoding;
-  headers["Content-Type"] = contentType_.empty() ? kJSONContentType : contentType_;
+  headers[QVHandoffContentEncodingHeader] = QVHandoffAES256ContentEncoding;
+  headers[QVHandoffContentTypeHeader] = contentType_.empty() ? QVHandoffJSONContentType : contentType_;
   QVHTTPConnection::preprocessResponse(headers);
 }
 
@@ -292,7 +286,7 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::tabsListResponse() {
     if (!documentInfo->contentType().empty()) tab["contentType"] = documentInfo->contentType();
     // Page 0 means no position is known, and then none is sent.
     if (documentInfo->pageNumber() != 0) {
-      tab["pageNumber"] = documentInfo->pageNumber();
+      tab[QVHandoffTabsListPageNumberKey] = documentInfo->pageNumber();
       tab["pdfPointX"] = documentInfo->pdfPoint().x;
       tab["pdfPointY"] = documentInfo->pdfPoint().y;
     }
@@ -356,12 +350,12 @@ void QVHandoffHTTPConnection::prepareForSaveBack() {
 
   auto params = parseGetParams();
   totalDecryptedData_ = 0;
-  saveBackFileSize_ = numberFromQueryValue(params["size"]);
-  const auto modificationDate = dateFormatter().dateFromString(params["modificationDate"]);
-  originalSaveBackFilePath_ = params["path"];
+  saveBackFileSize_ = numberFromQueryValue(params[QVHandoffSaveBackSizeQueryKey]);
+  const auto modificationDate = dateFormatter().dateFromString(params[QVHandoffSaveBackModificationDateQueryKey]);
+  originalSaveBackFilePath_ = params[QVHandoffSaveBackPathQueryKey];
   filePathForSaveBackFailNotification_ = originalSaveBackFilePath_;
-  saveBackFilePageNumber_ = numberFromQueryValue(params["pageNumber"]);
-  saveBackFilePDFPoint_ = pointFromQueryValue(params["pdfPoint"]);
+  saveBackFilePageNumber_ = numberFromQueryValue(params[QVHandoffSaveBackPageNumberQueryKey]);
+  saveBackFilePDFPoint_ = pointFromQueryValue(params[QVHandoffSaveBackPDFPointQueryKey]);
 
   const std::string& path = originalSaveBackFilePath_;
   saveBackFilePath_ = path;

@@ -272,7 +272,7 @@ void QVHandoffManager::performTabsListHTTPRequestForServerInfo(
   serverInfo->setUpToDate(false);
   QVURLRequest request(serverInfo->HTTPAddress() + QVHandoffTabsListRequestPath, "POST");
   setContentType(std::nullopt, request);
-  auto task = defaultHTTPSessionManager().dataTaskWithRequest(
+  auto task = HTTPSessionManager().dataTaskWithRequest(
       request,
       [weak = weak_from_this(), serverInfo](std::shared_ptr<const QVHTTPURLResponse>,
                                             std::optional<QVData> body, std::optional<QVError> error) {
@@ -416,7 +416,7 @@ QVHandoffManager::remoteServersInfoPassingTest(const DocumentInfoTest& test) con
 
 // MARK: HTTP client
 
-QVHTTPSessionManager& QVHandoffManager::defaultHTTPSessionManager() {
+QVHTTPSessionManager& QVHandoffManager::HTTPSessionManager() const {
   // Never destroyed: completions of the last requests may still be on their way while the process exits.
   static auto* const session = new QVHTTPSessionManager();
   return *session;
@@ -425,10 +425,10 @@ QVHTTPSessionManager& QVHandoffManager::defaultHTTPSessionManager() {
 void QVHandoffManager::setContentType(const std::optional<std::string>& contentType,
                                       QVURLRequest& forRequest) {
   if (contentType && !contentType->empty()) {
-    forRequest.setValue(*contentType, "Content-Type");
-    forRequest.setValue(QVHandoffAES256ContentEncoding, "Content-Encoding");
+    forRequest.setValue(*contentType, QVHandoffContentTypeHeader);
+    forRequest.setValue(QVHandoffAES256ContentEncoding, QVHandoffContentEncodingHeader);
   }
-  forRequest.setValue(QVHandoffAES256ContentEncoding, "Accept-Encoding");
+  forRequest.setValue(QVHandoffAES256ContentEncoding, QVHandoffAcceptEncodingHeader);
 }
 
 std::string QVHandoffManager::HTTPAddressForHost(const std::string& host, int64_t port) {

@@ -221,7 +221,7 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
   documentInfo->setFileHandle(QVFileHandle::forCreatingAtPath(targetPath));
   documentInfo->setFinalFilePath(targetPath);
 
-  auto& session = defaultHTTPSessionManager();
+  auto& session = HTTPSessionManager();
   // Streamed: the document only ever passes through the data callback, never whole in memory.
   const auto task = session.dataTaskWithRequest(
       *request,
@@ -245,7 +245,7 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
         documentInfo->handleFileTransferData(*lastData);
 
         const auto lastModified =
-            response ? response->valueForHTTPHeaderField("Last-Modified") : std::nullopt;
+            response ? response->valueForHTTPHeaderField(QVHandoffLastModifiedHeader) : std::nullopt;
         const auto modificationDate = lastModified ? QVParseHTTPDate(*lastModified) : std::nullopt;
         if (!modificationDate) {
           QV_LOG_ERROR("Handoff remote document request failed to get new file modification date.");
@@ -255,7 +255,7 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
         documentInfo->setFileModificationDate(modificationDate);
 
         const auto decodedLength =
-            response ? response->valueForHTTPHeaderField("X-Decoded-Content-Length") : std::nullopt;
+            response ? response->valueForHTTPHeaderField(QVHandoffDecodedContentLengthHeader) : std::nullopt;
         const auto fileSize = decodedLength ? scanUnsignedLongLong(*decodedLength) : std::nullopt;
         if (!fileSize) {
           QV_LOG_ERROR("Handoff remote document request failed to get new file size.");
@@ -346,10 +346,11 @@ void QVHandoffManager::performSaveBackHTTPRequestForDocumentWithInfo(
   }
   // The size and date of the version that was handed off: the origin compares them with its own.
   const std::string URL = fmt::format(
-      "{}{}?{}={}&{}={}&{}={}&{}={}&{}={}", serverInfo->HTTPAddress(), QVHandoffSaveBackRequestPath, "path",
-      percentEncodedQueryValue(documentInfo->filePath()), "size", documentInfo->fileSize(),
-      "modificationDate", percentEncodedQueryValue(dateText(documentInfo->fileModificationDate())),
-      "pageNumber", documentInfo->pageNumber(), "pdfPoint",
+      "{}{}?{}={}&{}={}&{}={}&{}={}&{}={}", serverInfo->HTTPAddress(), QVHandoffSaveBackRequestPath,
+      QVHandoffSaveBackPathQueryKey, percentEncodedQueryValue(documentInfo->filePath()),
+      QVHandoffSaveBackSizeQueryKey, documentInfo->fileSize(), QVHandoffSaveBackModificationDateQueryKey,
+      percentEncodedQueryValue(dateText(documentInfo->fileModificationDate())),
+      QVHandoffSaveBackPageNumberQueryKey, documentInfo->pageNumber(), QVHandoffSaveBackPDFPointQueryKey,
       percentEncodedQueryValue(pointText(documentInfo->pdfPoint())));
   documentInfo->setTempFilePath(temporaryFilePath());
 
@@ -378,7 +379,7 @@ void QVHandoffManager::performSaveBackHTTPRequestForDocumentWithInfo(
   });
   setContentType(QVMIMETypeForPath(saveBackFilePath), request);
 
-  const auto task = defaultHTTPSessionManager().dataTaskWithRequest(
+  const auto task = HTTPSessionManager().dataTaskWithRequest(
       request, [this, manager = weak_from_this().lock(), serverInfo, documentInfo,
                 stream](std::shared_ptr<const QVHTTPURLResponse>, std::optional<QVData> body,
                         std::optional<QVError> error) {
@@ -485,7 +486,7 @@ void QVHandoffManager::performMarkAsModifiedFileHTTPRequestForDocumentInfo(
     return;
   }
   // Fire and forget: the task is not kept and cannot be cancelled.
-  defaultHTTPSessionManager()
+  HTTPSessionManager()
       .dataTaskWithRequest(*request,
                            [this, manager = weak_from_this().lock(),
                             serverInfo](std::shared_ptr<const QVHTTPURLResponse>, std::optional<QVData> body,
@@ -537,7 +538,7 @@ bool QVHandoffManager::performForceRemoteSaveBackFileHTTPRequestForDocumentInfo(
     QV_LOG_ERROR("Couldn't encrypt force remote save back file request data");
     return false;
   }
-  defaultHTTPSessionManager()
+  HTTPSessionManager()
       .dataTaskWithRequest(
           *request,
           [this, manager = weak_from_this().lock(), serverInfo,

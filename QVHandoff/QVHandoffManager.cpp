@@ -40,24 +40,26 @@ QVHandoffManager::QVHandoffManager()
       moveFileBlock_(QVHandoffManagerDefaultMoveFileBlock),
       fileAttributesBlock_(QVHandoffManagerDefaultFileAttributesBlock) {}
 
+std::shared_ptr<QVHandoffManager> QVHandoffManager::make() {
+  auto manager = std::make_shared<QVHandoffManager>();
+  // These steps need the manager's shared owner, which the constructor does not have yet. A fresh list
+  // refreshes the TXT record, and that makes the local server.
+  {
+    std::lock_guard lock(manager->localDocumentsMutex_);
+    manager->localDocumentsInfo_ = std::make_shared<const DocumentInfoList>();
+  }
+  manager->updateLocalServerTXTData();
+  manager->accountStateObservation_ = QVNotificationObservation(
+      QVNotificationCenter::defaultCenter(), QViCloudAccountStateDidChangeNotification, nullptr,
+      [weak = std::weak_ptr<QVHandoffManager>(manager)](const QVNotification&) {
+        if (auto manager = weak.lock()) manager->iCloudAccountStateDidChangeNotification();
+      });
+  return manager;
+}
+
 std::shared_ptr<QVHandoffManager> QVHandoffManager::defaultManager() {
   // Never destroyed: connection and DNS-SD threads may still call into it while the process exits.
-  static const auto* shared = [] {
-    auto manager = std::make_shared<QVHandoffManager>();
-    // These steps need the manager's shared owner, which the constructor does not have yet. A fresh list
-    // refreshes the TXT record, and that makes the local server.
-    {
-      std::lock_guard lock(manager->localDocumentsMutex_);
-      manager->localDocumentsInfo_ = std::make_shared<const DocumentInfoList>();
-    }
-    manager->updateLocalServerTXTData();
-    manager->accountStateObservation_ = QVNotificationObservation(
-        QVNotificationCenter::defaultCenter(), QViCloudAccountStateDidChangeNotification, nullptr,
-        [weak = std::weak_ptr<QVHandoffManager>(manager)](const QVNotification&) {
-          if (auto manager = weak.lock()) manager->iCloudAccountStateDidChangeNotification();
-        });
-    return new std::shared_ptr<QVHandoffManager>(std::move(manager));
-  }();
+  static const auto* shared = new std::shared_ptr<QVHandoffManager>(make());
   return *shared;
 }
 

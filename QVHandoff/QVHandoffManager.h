@@ -9,6 +9,7 @@
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffHTTPServer.h"
 #include "QVHandoff/QVHandoffMetaStorage.h"
+#include "QVHandoff/QVHandoffProtocol.h"
 
 #include <atomic>
 #include <functional>
@@ -71,44 +72,6 @@ inline constexpr const char* QVHandoffContentTypeAttributeName = "com.quorvel.pa
 inline constexpr const char* QVHandoffOverriddenFileModificationDateAttributeName =
     "com.quorvel.paperloom.handoff.overriddenFileModificationDate";
 
-// DNS-SD and the client's requests.
-inline constexpr const char* QVHandoffServiceDomain = "local";
-inline constexpr double QVHandoffServiceResolveTimeInterval = 30.0;
-inline constexpr uint64_t QVHandoffTabsListRequestAttemptLimit = 3;
-inline constexpr const char* QVHandoffAES256ContentEncoding = "x-quorvel-aes256";
-inline constexpr const char* QVHandoffJSONContentType = "application/json";
-
-// The TXT record of the local server.
-inline constexpr const char* QVHandoffServerHasOpenedDocumentsKey = "hasDocs";
-inline constexpr const char* QVHandoffServerDeviceTypeKey = "deviceType";
-inline constexpr const char* QVHandoffServerProductNameKey = "productName";
-inline constexpr const char* QVHandoffServerDateMarkKey = "dateMark";
-
-// Request paths and message keys.
-inline constexpr const char* QVHandoffTabsListRequestPath = "/api/tabs_list";
-inline constexpr const char* QVHandoffHandoffDocumentRequestPath = "/api/handoff";
-inline constexpr const char* QVHandoffSaveBackRequestPath = "/api/save_back";
-inline constexpr const char* QVHandoffMarkAsModifiedFileRequestPath = "/api/mark_as_modified";
-inline constexpr const char* QVHandoffForceRemoteSaveBackFileRequestPath = "/api/force_remote_save_back";
-inline constexpr const char* QVHandoffTabsListFilePathKey = "filePath";
-inline constexpr const char* QVHandoffTabsListFileContentTypeKey = "contentType";
-inline constexpr const char* QVHandoffTabsListFileSizeKey = "fileSize";
-inline constexpr const char* QVHandoffTabsListFileModificationDateKey = "fileModificationDate";
-inline constexpr const char* QVHandoffTabsListICloudPathKey = "iCloudPath";
-inline constexpr const char* QVHandoffTabsListDropboxPathKey = "dropboxPath";
-inline constexpr const char* QVHandoffTabsListPageNumberKey = "pageNumber";
-inline constexpr const char* QVHandoffTabsListPDFPointXKey = "pdfPointX";
-inline constexpr const char* QVHandoffTabsListPDFPointYKey = "pdfPointY";
-inline constexpr const char* QVHandoffTabsListActiveKey = "active";
-inline constexpr const char* QVHandoffHandoffDocumentFilePathKey = "filePath";
-inline constexpr const char* QVHandoffMarkAsModifiedFileFilePathKey = "filePath";
-inline constexpr const char* QVHandoffMarkAsModifiedFileRemoteFilePathKey = "remoteFilePath";
-inline constexpr const char* QVHandoffMarkAsModifiedFileRemoteFileModificationDateKey =
-    "remoteFileModificationDate";
-inline constexpr const char* QVHandoffMarkAsModifiedFileRemoteDeviceNameKey = "remoteDeviceName";
-inline constexpr const char* QVHandoffMarkAsModifiedFileRemoteDeviceTypeKey = "remoteDeviceType";
-inline constexpr const char* QVHandoffForceRemoteSaveBackFileFilePathKey = "filePath";
-
 inline constexpr const char* QVHandoffDirectoryName = "com.quorvel.handoff";
 inline constexpr const char* QVHandoffErrorDomain = "com.quorvel.qvhandoff";
 
@@ -144,6 +107,8 @@ public:
                                               uint64_t index, bool* stop)>;
 
   static std::shared_ptr<QVHandoffManager> defaultManager();
+  // A manager of its own, independent of the default one (tests, hosts with several).
+  static std::shared_ptr<QVHandoffManager> make();
   static QVError internalError();
 
   // ---- Lifecycle and service control ----
@@ -227,7 +192,8 @@ public:
   std::optional<ServerInfoList> remoteServersInfoPassingTest(const DocumentInfoTest& test) const;
   const ServerInfoList& serversInfo() const { return serversInfo_; }
 
-  static QVHTTPSessionManager& defaultHTTPSessionManager();
+  // The HTTP client every request of this manager goes through.
+  QVHTTPSessionManager& HTTPSessionManager() const;
   // "Accept-Encoding: x-quorvel-aes256" always; with a type also "Content-Type" and "Content-Encoding".
   static void setContentType(const std::optional<std::string>& contentType, QVURLRequest& forRequest);
   // "http://host:port"; no port part for 0 or 80; one trailing dot of the host dropped.
