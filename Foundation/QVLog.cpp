@@ -86,4 +86,11 @@ std::string operationName(std::string_view pretty) {
   return name;
 }
 
+std::string operationNameIn(std::string_view className, std::string_view prettyFunction) {
+  const std::string name = operationName(prettyFunction);
+  if (className.empty()) return name;
+  const size_t scope = name.rfind("::");
+  return fmt::format("{}::{}", className, scope == std::string::npos ? name : name.substr(scope + 2));
+}
+
 } // namespace QVLogging

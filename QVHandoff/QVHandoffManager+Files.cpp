@@ -1,22 +1,9 @@
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffManager.h"
 
-#include "Foundation/QVDateFormatting.h"
-#include "Foundation/QVExtendedAttributes.h"
-#include "Foundation/QVFileHandle.h"
-#include "Foundation/QVLog.h"
 #include "Foundation/QVNotificationCenter.h"
-#include "Foundation/QVPaths.h"
-#include "Foundation/QVUUID.h"
-
-#include <algorithm>
-#include <cmath>
-#include <filesystem>
-#include <string_view>
-
-QV_LOG_SOURCE("QVHandoff/QVHandoffManager")
-
-namespace fs = std::filesystem;
+#include "QVHandoff/QVHandoffFileTags.h"
+#include "QVHandoff/QVHandoffPaths.h"
 
 namespace {
 
@@ -27,71 +14,6 @@ bool defaultFileOperation(const std::string& sourcePath, const std::string& dest
   const bool done = Operation(sourcePath, destinationPath, &operationError);
   if (error) *error = done ? QVError{} : operationError;
   return done;
-}
-
-// Numbers are stored as their 8 bytes, least significant first, whatever the machine.
-QVData littleEndianBytes(uint64_t value) {
-  QVData bytes(8);
-  for (size_t i = 0; i < bytes.size(); ++i)
-    bytes[i] = static_cast<uint8_t>(value >> (8 * i));
-  return bytes;
-}
-
-std::optional<uint64_t> numberFromLittleEndianBytes(const std::optional<QVData>& bytes) {
-  if (!bytes || bytes->size() != 8) return std::nullopt;
-  uint64_t value = 0;
-  for (size_t i = 0; i < bytes->size(); ++i)
-    value |= static_cast<uint64_t>((*bytes)[i]) << (8 * i);
-  return value;
-}
-
-bool isValidUTF8(std::string_view text) {
-  size_t at = 0;
-  while (at < text.size()) {
-    const auto lead = static_cast<unsigned char>(text[at]);
-    size_t length;
-    uint32_t codePoint;
-    if (lead < 0x80) {
-      ++at;
-      continue;
-    } else if ((lead & 0xE0) == 0xC0) {
-      length = 2, codePoint = lead & 0x1F;
-    } else if ((lead & 0xF0) == 0xE0) {
-      length = 3, codePoint = lead & 0x0F;
-    } else if ((lead & 0xF8) == 0xF0) {
-      length = 4, codePoint = lead & 0x07;
-    } else {
-      return false;
-    }
-    if (at + length > text.size()) return false;
-    for (size_t i = 1; i < length; ++i) {
-      const auto next = static_cast<unsigned char>(text[at + i]);
-      if ((next & 0xC0) != 0x80) return false;
-      codePoint = (codePoint << 6) | (next & 0x3F);
-    }
-    constexpr uint32_t kSmallestOfLength[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (codePoint < kSmallestOfLength[length] || codePoint > 0x10FFFF ||
-        (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
-      return false;
-    }
-    at += length;
-  }
-  return true;
-}
-
-bool setNumber(uint64_t value, const char* xattrName, const std::string& path) {
-  return QVSetExtendedAttribute(path, xattrName, littleEndianBytes(value));
-}
-
-// A peer's names must not lead out of the handoff folder: empty, "." and ".." components are dropped.
-void appendComponents(fs::path& path, std::string_view components) {
-  size_t start = 0;
-  while (start <= components.size()) {
-    const size_t end = std::min(components.find('/', start), components.size());
-    const std::string_view component = components.substr(start, end - start);
-    if (!component.empty() && component != "." && component != "..") path /= std::string(component);
-    start = end + 1;
-  }
 }
 
 } // namespace
@@ -110,108 +32,25 @@ const QVHandoffFileAttributesBlock QVHandoffManagerDefaultFileAttributesBlock = 
 
 void QVHandoffManager::addDocumentInfo(const QVHandoffDocumentInfo& documentInfo,
                                        const std::string& toFileAtPath) {
-  const std::string& path = toFileAtPath;
-  if (!QVFileExists(path)) {
-    QV_LOG_ERROR("File not found at path {}", path);
-    return;
-  }
-  if (!setString(documentInfo.filePath(), QVHandoffFilePathAttributeName, path)) {
-    QV_LOG_ERROR("Couldn't set xattr for file path");
-    return;
-  }
-  if (!setNumber(documentInfo.fileSize(), QVHandoffFileSizeAttributeName, path)) {
-    QV_LOG_ERROR("Couldn't set xattr for file size");
-    return;
-  }
-  const auto& date = documentInfo.fileModificationDate();
-  if (!setString(date ? QVFormatProtocolDate(*date) : "", QVHandoffFileModificationDateAttributeName, path)) {
-    QV_LOG_ERROR("Couldn't set xattr for file modification date");
-    return;
-  }
-  if (!setString(documentInfo.deviceName(), QVHandoffDeviceNameAttributeName, path)) {
-    QV_LOG_ERROR("Couldn't set xattr for device name");
-    return;
-  }
-  if (!setNumber(static_cast<uint64_t>(documentInfo.deviceType()), QVHandoffDeviceTypeAttributeName, path)) {
-    QV_LOG_ERROR("Couldn't set xattr for device type");
-    return;
-  }
-  if (!setString(documentInfo.productName(), QVHandoffProductNameAttributeName, path)) {
-    QV_LOG_DEBUG("Couldn't set xattr for product name");
-  }
-  if (!setString(documentInfo.contentType(), QVHandoffContentTypeAttributeName, path)) {
-    QV_LOG_DEBUG("Couldn't set xattr for content type");
-  }
+  QVHandoffFileTags::addDocumentInfo(documentInfo, toFileAtPath);
 }
 
 std::shared_ptr<QVHandoffDocumentInfo> QVHandoffManager::documentInfoForFileAtPath(const std::string& path) {
-  if (!QVFileExists(path)) {
-    QV_LOG_ERROR("File not found at path {}", path);
-    return nullptr;
-  }
-  // An untagged file is the ordinary case: no line for it.
-  const auto filePath = stringForXattrName(QVHandoffFilePathAttributeName, path);
-  if (!filePath || filePath->empty()) return nullptr;
-  const auto fileSize =
-      numberFromLittleEndianBytes(QVGetExtendedAttribute(path, QVHandoffFileSizeAttributeName));
-  if (!fileSize) {
-    QV_LOG_ERROR("Couldn't load file size from xattr");
-    return nullptr;
-  }
-  const auto dateText = stringForXattrName(QVHandoffFileModificationDateAttributeName, path);
-  if (!dateText || dateText->empty()) {
-    QV_LOG_ERROR("Couldn't load file modification date xattr");
-    return nullptr;
-  }
-  const auto deviceName = stringForXattrName(QVHandoffDeviceNameAttributeName, path);
-  if (!deviceName || deviceName->empty()) {
-    QV_LOG_ERROR("Couldn't load device name xattr");
-    return nullptr;
-  }
-  const auto deviceType =
-      numberFromLittleEndianBytes(QVGetExtendedAttribute(path, QVHandoffDeviceTypeAttributeName));
-  if (!deviceType) {
-    QV_LOG_ERROR("Couldn't load device type from xattr");
-    return nullptr;
-  }
-  auto documentInfo = QVHandoffDocumentInfo::make();
-  documentInfo->setFilePath(*filePath);
-  documentInfo->setFileSize(*fileSize);
-  documentInfo->setFileModificationDate(QVParseProtocolDate(*dateText));
-  documentInfo->setDeviceName(*deviceName);
-  documentInfo->setDeviceType(static_cast<int64_t>(*deviceType));
-  documentInfo->setProductName(stringForXattrName(QVHandoffProductNameAttributeName, path).value_or(""));
-  documentInfo->setContentType(stringForXattrName(QVHandoffContentTypeAttributeName, path).value_or(""));
-  return documentInfo;
+  return QVHandoffFileTags::documentInfoForFileAtPath(path);
 }
 
 void QVHandoffManager::removeDocumentInfoFromFileAtPath(const std::string& path) {
-  if (!QVFileExists(path)) {
-    QV_LOG_ERROR("File not found at path {}", path);
-    return;
-  }
-  // The content type stays: the host still wants to know what kind of document an untagged copy is.
-  for (const char* name :
-       {QVHandoffFilePathAttributeName, QVHandoffFileSizeAttributeName,
-        QVHandoffFileModificationDateAttributeName, QVHandoffOverriddenFileModificationDateAttributeName,
-        QVHandoffProductNameAttributeName, QVHandoffDeviceNameAttributeName,
-        QVHandoffDeviceTypeAttributeName}) {
-    QVRemoveExtendedAttribute(path, name);
-  }
+  QVHandoffFileTags::removeDocumentInfoFromFileAtPath(path);
 }
 
 bool QVHandoffManager::setString(const std::string& string, const std::string& xattrName,
                                  const std::string& forFileAtPath) {
-  return QVSetExtendedAttribute(forFileAtPath, xattrName, QVData(string.begin(), string.end()));
+  return QVHandoffFileTags::setString(string, xattrName, forFileAtPath);
 }
 
 std::optional<std::string> QVHandoffManager::stringForXattrName(const std::string& xattrName,
                                                                 const std::string& fromFileAtPath) {
-  const auto bytes = QVGetExtendedAttribute(fromFileAtPath, xattrName);
-  if (!bytes) return std::nullopt;
-  std::string text(bytes->begin(), bytes->end());
-  if (!isValidUTF8(text)) return std::nullopt;
-  return text;
+  return QVHandoffFileTags::stringForXattrName(xattrName, fromFileAtPath);
 }
 
 std::shared_ptr<QVHandoffDocumentInfo>
@@ -229,74 +68,45 @@ QVHandoffManager::documentInfo(const QVHandoffDocumentInfo& documentInfo,
 }
 
 std::optional<std::string> QVHandoffManager::handoffContentTypeForFileAtPath(const std::string& path) {
-  return stringForXattrName(QVHandoffContentTypeAttributeName, path);
+  return QVHandoffFileTags::handoffContentTypeForFileAtPath(path);
 }
 
 void QVHandoffManager::setOverriddenFileModificationDate(QVDate date, const std::string& forFileAtPath) {
-  const QVDate wholeSeconds(std::chrono::floor<std::chrono::seconds>(date.time_since_epoch()));
-  setString(QVFormatProtocolDate(wholeSeconds), QVHandoffOverriddenFileModificationDateAttributeName,
-            forFileAtPath);
+  QVHandoffFileTags::setOverriddenFileModificationDate(date, forFileAtPath);
 }
 
 void QVHandoffManager::setOverriddenFileModificationDateToCurrentDateForFileAtPath(const std::string& path) {
-  setOverriddenFileModificationDate(std::chrono::system_clock::now(), path);
+  QVHandoffFileTags::setOverriddenFileModificationDate(std::chrono::system_clock::now(), path);
 }
 
 std::optional<QVDate> QVHandoffManager::overriddenFileModificationDateForFileAtPath(const std::string& path) {
-  const auto text = stringForXattrName(QVHandoffOverriddenFileModificationDateAttributeName, path);
-  if (!text) return std::nullopt;
-  return QVParseProtocolDate(*text);
+  return QVHandoffFileTags::overriddenFileModificationDateForFileAtPath(path);
 }
 
 std::optional<QVDate> QVHandoffManager::latestFileModificationDateForFileAtPath(const std::string& path) {
-  QVError error;
-  const auto attributes = QVAttributesOfItem(path, &error);
-  if (!attributes) {
-    QV_LOG_ERROR("Couldn't get attributes of item at path {} due {}", path, error.description());
-    return std::nullopt;
-  }
-  const auto overridden = overriddenFileModificationDateForFileAtPath(path);
-  if (overridden && *overridden > attributes->fileModificationDate) return overridden;
-  return attributes->fileModificationDate;
+  return QVHandoffFileTags::latestFileModificationDateForFileAtPath(path);
 }
 
 bool QVHandoffManager::date(const std::optional<QVDate>& date, const std::optional<QVDate>& isSimilarToDate) {
-  // No first date counts as no difference; a first date against no second date is not similar.
-  if (!date) return true;
-  if (!isSimilarToDate) return false;
-  return std::fabs(std::chrono::duration<double>(*date - *isSimilarToDate).count()) < 1.0;
+  return QVHandoffFileTags::datesAreSimilar(date, isSimilarToDate);
 }
 
 std::string QVHandoffManager::handoffDirectoryPath() {
-  std::call_once(handoffDirectoryOnce_, [this] {
-    handoffDirectoryPath_ = QVCachesDirectoryAdd(QVHandoffDirectoryName);
-    QVCreateDirectory(handoffDirectoryPath_);
-  });
+  std::call_once(handoffDirectoryOnce_, [this] { handoffDirectoryPath_ = QVHandoffPaths::defaultFolder(); });
   return handoffDirectoryPath_;
 }
 
 std::string
 QVHandoffManager::uniqueEmptyHandoffFilePathForDocumentWithInfo(const QVHandoffDocumentInfo& documentInfo) {
-  const fs::path folder = fs::path(defaultHandoffDirectoryPath()) / QVUUIDString();
-  QVCreateDirectory(folder.string());
-  fs::path peerPath;
-  appendComponents(peerPath, documentInfo.filePath());
-  std::string filePath = (folder / peerPath.filename()).string();
-  QVFileHandle::forCreatingAtPath(filePath);
-  return filePath;
+  return QVHandoffPaths::uniqueEmptyFilePath(defaultHandoffDirectoryPath(), documentInfo);
 }
 
 std::string QVHandoffManager::handoffFilePathForDocumentWithInfo(const QVHandoffDocumentInfo& documentInfo) {
-  fs::path path(defaultHandoffDirectoryPath());
-  appendComponents(path, documentInfo.deviceName());
-  appendComponents(path, documentInfo.filePath());
-  QVCreateDirectory(path.parent_path().string());
-  return path.string();
+  return QVHandoffPaths::filePath(defaultHandoffDirectoryPath(), documentInfo);
 }
 
 bool QVHandoffManager::handoffReadyFilePath(const std::string& path) {
-  bool isDirectory = false;
-  return QVFileExists(path, &isDirectory) && !isDirectory;
+  return QVHandoffPaths::isReadyFilePath(path);
 }
 
 std::optional<QVFileAttributes> QVHandoffManager::attributesOfHandoffDocumentAtPath(const std::string& path,

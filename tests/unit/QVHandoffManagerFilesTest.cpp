@@ -51,6 +51,11 @@ TEST_F(QVHandoffManagerFilesTest, TagsRoundTripThroughRealAttributesAndUntagging
   QVHandoffManager::addDocumentInfo(*source, folder_.file("gone.pdf"));
   EXPECT_FALSE(QVHandoffManager::documentInfoForFileAtPath(folder_.file("gone.pdf")));
   EXPECT_EQ(log_.count("File not found at path " + folder_.file("gone.pdf")), 2u);
+  const auto lines = log_.lines();
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.find("QVHandoff/QVHandoffManager:") != std::string::npos &&
+           line.find(" QVHandoffManager::addDocumentInfo File not found") != std::string::npos;
+  })) << "tagging logs as the manager's operation, wherever its code lives";
 
   QVHandoffManager::setOverriddenFileModificationDateToCurrentDateForFileAtPath(copy_);
   QVHandoffManager::removeDocumentInfoFromFileAtPath(copy_);

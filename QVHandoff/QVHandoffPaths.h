@@ -1,0 +1,21 @@
+#pragma once
+// Where handed-off copies are placed inside a handoff folder. The folder is passed in, so that every
+// manager may keep its own.
+
+#include <string>
+
+class QVHandoffDocumentInfo;
+
+namespace QVHandoffPaths {
+
+// The user's handoff folder in the caches directory, created when missing.
+std::string defaultFolder();
+// "<folder>/<device name>/<peer's path>"; the parent folders are created. A peer's names never lead out
+// of `folder`.
+std::string filePath(const std::string& folder, const QVHandoffDocumentInfo& documentInfo);
+// A new empty file named like the peer's document in a folder of its own inside `folder`.
+std::string uniqueEmptyFilePath(const std::string& folder, const QVHandoffDocumentInfo& documentInfo);
+// Something that is not a folder exists at `path`.
+bool isReadyFilePath(const std::string& path);
+
+} // namespace QVHandoffPaths
