@@ -5,9 +5,6 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config git ca-certificates
   libmicrohttpd-dev
-  # libcurl's GnuTLS flavour: libmicrohttpd loads GnuTLS anyway and no transfer here uses TLS, so this
-  # spares every process the OpenSSL flavour's libssl.
-  libcurl4-gnutls-dev
   libssl-dev openssl
   libavahi-client-dev libavahi-core-dev avahi-daemon avahi-utils dbus
   libspdlog-dev libfmt-dev
@@ -21,9 +18,18 @@ packages=(
   clang-format
 )
 
+installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
+
+# Whichever libcurl -dev flavour is installed stays: they conflict, and swapping one would remove what
+# other software on the machine builds against. With none, GnuTLS: libmicrohttpd loads it anyway and no
+# transfer here uses TLS, so this spares every process the OpenSSL flavour's libssl.
+if ! installed libcurl4-openssl-dev && ! installed libcurl4-nss-dev; then
+  packages+=(libcurl4-gnutls-dev)
+fi
+
 missing=()
 for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+  installed "$p" || missing+=("$p")
 done
 
 if [ ${#missing[@]} -eq 0 ]; then
@@ -48,7 +54,9 @@ cleanup() { [ "$own_policy" -eq 1 ] && "${sudo_cmd[@]}" rm -f "$policy"; return 
 trap cleanup EXIT
 "${sudo_cmd[@]}" apt-get update -qq
 "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-if command -v systemctl >/dev/null 2>&1 && systemctl is-active --quiet avahi-daemon 2>/dev/null; then
-  "${sudo_cmd[@]}" systemctl disable --now avahi-daemon.socket avahi-daemon.service 2>/dev/null || true
+# A system mDNS daemon the user already ran is theirs (printers, ".local" names): it is left alone. One
+# installed here stays off, also at the next boot; the tests and the demo start private ones.
+if [[ " ${missing[*]} " == *" avahi-daemon "* ]] && command -v systemctl >/dev/null 2>&1; then
+  "${sudo_cmd[@]}" systemctl disable avahi-daemon.socket avahi-daemon.service >/dev/null 2>&1 || true
 fi
 echo "setup: done"
