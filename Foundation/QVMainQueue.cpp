@@ -22,10 +22,10 @@ bool QVMainQueue::isMainThread() const {
 
 void QVMainQueue::post(Task task) {
   std::unique_lock lock(mutex_);
-  if (dispatcher_) {
-    auto dispatcher = dispatcher_;
+  if (dispatcher_.post) {
+    auto post = dispatcher_.post;
     lock.unlock();
-    dispatcher(std::move(task));
+    post(std::move(task));
     return;
   }
   tasks_.push_back(std::move(task));
@@ -33,11 +33,30 @@ void QVMainQueue::post(Task task) {
 }
 
 QVMainQueue::TimerID QVMainQueue::postAfter(Clock::duration delay, Task task) {
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   const TimerID timer = nextTimer_++;
   timers_.emplace(Clock::now() + delay, std::make_pair(timer, std::move(task)));
+  if (dispatcher_.postAfter) {
+    // The host's loop only wakes us; the task stays here so that cancelTimer() keeps working.
+    auto postAfter = dispatcher_.postAfter;
+    lock.unlock();
+    postAfter(delay, [this, timer] { fireTimer(timer); });
+    return timer;
+  }
   wake_.notify_all();
   return timer;
+}
+
+void QVMainQueue::fireTimer(TimerID timer) {
+  std::unique_lock lock(mutex_);
+  for (auto it = timers_.begin(); it != timers_.end(); ++it) {
+    if (it->second.first != timer) continue;
+    Task task = std::move(it->second.second);
+    timers_.erase(it);
+    lock.unlock();
+    task();
+    return;
+  }
 }
 
 void QVMainQueue::cancelTimer(TimerID timer) {
@@ -123,6 +142,12 @@ bool QVMainQueue::stopped() const {
 void QVMainQueue::setDispatcher(Dispatcher dispatcher) {
   std::lock_guard lock(mutex_);
   dispatcher_ = std::move(dispatcher);
+  mainThread_ = std::this_thread::get_id();
+}
+
+bool QVMainQueue::hasDispatcher() const {
+  std::lock_guard lock(mutex_);
+  return static_cast<bool>(dispatcher_.post);
 }
 
 void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn) {

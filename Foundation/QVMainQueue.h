@@ -17,8 +17,12 @@ public:
   using Task = std::function<void()>;
   using Clock = std::chrono::steady_clock;
   using TimerID = uint64_t;
-  // A host with a loop of its own (Qt, GLib) installs one: it must run each task on its main thread.
-  using Dispatcher = std::function<void(Task)>;
+  // A host with a loop of its own (Qt, GLib) installs one: both members run their task on the host's main
+  // thread, `post` soon, `postAfter` once the delay has passed. Then the library never runs a loop itself.
+  struct Dispatcher {
+    std::function<void(Task)> post;
+    std::function<void(Clock::duration, Task)> postAfter;
+  };
 
   static QVMainQueue& main();
 
@@ -42,7 +46,9 @@ public:
   void reset();
   bool stopped() const;
 
+  // The calling thread becomes the main thread. An empty dispatcher goes back to the queue's own loop.
   void setDispatcher(Dispatcher dispatcher);
+  bool hasDispatcher() const;
 
 private:
   QVMainQueue();
@@ -57,6 +63,7 @@ private:
   bool stopped_ = false;
   std::optional<std::thread::id> mainThread_;
   Dispatcher dispatcher_;
+  void fireTimer(TimerID timer);
   friend void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
 };
 
