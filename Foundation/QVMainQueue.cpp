@@ -150,11 +150,13 @@ bool QVMainQueue::hasDispatcher() const {
   return static_cast<bool>(dispatcher_.post);
 }
 
-void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn) {
+// The one wait behind both forms. `runsAfterRelease`: `fn` owns what it captures and may run after the
+// caller went on; otherwise it may point into the caller's stack and never runs once the caller gave up.
+bool QVWaitForMainThread(QVMainQueue::Task fn, bool runsAfterRelease, const std::atomic<bool>* released) {
   QVMainQueue& queue = QVMainQueue::main();
   if (queue.isMainThread()) {
     fn();
-    return;
+    return true;
   }
   struct Waiter {
     std::mutex mutex;
@@ -168,27 +170,48 @@ void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn)
     std::lock_guard lock(queue.mutex_);
     if (queue.stopped_) {
       QV_LOG_WARN("Main queue stopped, dropping a task");
-      return;
+      return false;
     }
     generation = queue.generation_;
   }
-  // fn may capture the caller's stack: it runs under the waiter's lock so that it never runs after the
-  // caller gave up and returned.
-  queue.post([waiter, fn] {
+  // Under the waiter's lock, so that a caller that gave up is never raced by a task of its stack.
+  queue.post([waiter, fn = std::move(fn), runsAfterRelease] {
     std::lock_guard lock(waiter->mutex);
-    if (waiter->abandoned) return;
+    if (waiter->abandoned && !runsAfterRelease) return;
     fn();
     waiter->ran = true;
     waiter->done.notify_all();
   });
   std::unique_lock lock(waiter->mutex);
-  // The queue's stop is noticed by polling its generation: its mutex is not ours to wait on.
-  while (!waiter->done.wait_for(lock, std::chrono::milliseconds(50), [&] { return waiter->ran; })) {
+  // The queue's stop and the release are noticed by polling: neither is ours to wait on.
+  while (!waiter->done.wait_for(lock, std::chrono::milliseconds(10), [&] { return waiter->ran; })) {
+    if (released && released->load()) {
+      waiter->abandoned = true;
+      return false;
+    }
     std::lock_guard queueLock(queue.mutex_);
     if (queue.generation_ != generation) {
       waiter->abandoned = true;
       QV_LOG_WARN("Main queue stopped, dropping a task");
-      return;
+      return false;
     }
   }
+  return true;
+}
+
+void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn) {
+  QVWaitForMainThread([&fn] { fn(); }, false, nullptr);
+}
+
+bool performOnMainThreadSynchronouslyUnlessReleased(QVMainQueue::Task fn, const std::atomic<bool>& released) {
+  if (released) {
+    // Nobody waits any more: the task goes out as a plain post, in order with the others.
+    if (QVMainQueue::main().isMainThread()) {
+      fn();
+      return true;
+    }
+    QVMainQueue::main().post(std::move(fn));
+    return false;
+  }
+  return QVWaitForMainThread(std::move(fn), true, &released);
 }

@@ -2,6 +2,7 @@
 // The main queue: a run loop owned by the host's main thread. Everything the framework confines to the
 // main thread (host calls, DNS-SD events, HTTP client completions, callbacks to the host) runs here.
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -64,12 +65,16 @@ private:
   std::optional<std::thread::id> mainThread_;
   Dispatcher dispatcher_;
   void fireTimer(TimerID timer);
-  friend void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
+  friend bool QVWaitForMainThread(Task fn, bool runsAfterRelease, const std::atomic<bool>* released);
 };
 
 // Runs `fn` at once on the main thread, else hands it to the main queue and waits until it has run.
 // When the main queue stops meanwhile, `fn` is dropped with a warning rather than waited for forever.
 void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
+// The same for a caller that may be let go (a connection whose server stops): once `released` holds it
+// stops waiting, and `fn`, which owns what it uses, still runs on the main thread later. True when `fn`
+// ran before this returned.
+bool performOnMainThreadSynchronouslyUnlessReleased(QVMainQueue::Task fn, const std::atomic<bool>& released);
 
 #ifdef NDEBUG
 #define QV_ASSERT_MAIN_THREAD() ((void)0)

@@ -17,6 +17,7 @@
 #include "QVHandoff/QVHandoffHTTPServer.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffProtocol.h"
+#include "QVHandoff/QVHandoffServerContext.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -83,12 +84,6 @@ QVPoint pointFromQueryValue(std::string_view text) {
   return {*x, *y};
 }
 
-void postOnMainThread(const char* name, QVUserInfo userInfo) {
-  const auto manager = QVHandoffManager::defaultManager();
-  performOnMainThreadSynchronouslyIfPossible(
-      [&] { QVNotificationCenter::defaultCenter().post(name, manager.get(), std::move(userInfo)); });
-}
-
 } // namespace
 
 QVHandoffHTTPConnection::QVHandoffHTTPConnection(QVHandoffHTTPServer& server)
@@ -143,6 +138,27 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::successResponse() const
     return std::make_shared<QVHTTPDataResponse>(QVData());
   }
   return std::make_shared<QVHTTPDataResponse>(std::move(*data));
+}
+
+std::shared_ptr<QVHandoffServerContext> QVHandoffHTTPConnection::context() const {
+  auto context = handoffServer_.context();
+  if (!context) QV_LOG_ERROR("Couldn't serve {} without its manager", requestURI());
+  return context;
+}
+
+void QVHandoffHTTPConnection::performOnMainThread(std::function<void(QVHandoffServerContext&)> task) {
+  // The context is taken and let go of on the main thread, where the manager may end.
+  performOnMainThreadSynchronouslyUnlessReleased(
+      [weak = handoffServer_.weakContext(), task = std::move(task)] {
+        if (const auto context = weak.lock()) task(*context);
+      },
+      serverStopped());
+}
+
+void QVHandoffHTTPConnection::postOnMainThread(const char* name, QVUserInfo userInfo) {
+  performOnMainThread([name, userInfo = std::move(userInfo)](QVHandoffServerContext& context) {
+    context.postNotification(name, userInfo);
+  });
 }
 
 void QVHandoffHTTPConnection::replaceTempFilePath(std::string path) {
@@ -241,8 +257,10 @@ void QVHandoffHTTPConnection::preprocessResponse(QVHTTPHeaders& headers) {
 
 void QVHandoffHTTPConnection::die() {
   if (!filePathForSaveBackFailNotification_.empty()) {
-    const std::string path = std::exchange(filePathForSaveBackFailNotification_, {});
-    QVHandoffManager::defaultManager()->postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(path);
+    performOnMainThread(
+        [path = std::exchange(filePathForSaveBackFailNotification_, {})](QVHandoffServerContext& context) {
+          context.postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(path);
+        });
   }
   QVHTTPConnection::die();
 }
@@ -252,8 +270,9 @@ void QVHandoffHTTPConnection::die() {
 std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::tabsListResponse() {
   nlohmann::json tabs = nlohmann::json::array();
   const auto dateFormatter = QVHandoffHTTPConnection::dateFormatter();
-  const auto manager = QVHandoffManager::defaultManager();
-  const auto documentsInfo = manager->localDocumentsInfo();
+  const auto context = this->context();
+  if (!context) return serverInternalErrorResponse();
+  const auto documentsInfo = context->localDocumentsInfo();
   for (const auto& documentInfo : *documentsInfo) {
     const std::string& filePath = documentInfo->filePath();
     if (filePath.empty()) {
@@ -294,7 +313,7 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::tabsListResponse() {
     if (!documentInfo->dropboxPath().empty()) tab["dropboxPath"] = documentInfo->dropboxPath();
     const auto position = std::find(documentsInfo->begin(), documentsInfo->end(), documentInfo);
     const auto index = static_cast<uint64_t>(position - documentsInfo->begin());
-    tab["active"] = index == manager->currentLocalDocumentIndex() ? 1 : 0;
+    tab["active"] = index == context->currentLocalDocumentIndex() ? 1 : 0;
     tabs.push_back(std::move(tab));
   }
   auto data = AES256EncryptedDataWithJSONObject(tabs);
@@ -318,15 +337,16 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::handoffDocumentResponse
     QV_LOG_ERROR("Handoff document file path not found in request");
     return serverInternalErrorResponse();
   }
+  const auto context = this->context();
+  if (!context) return serverInternalErrorResponse();
   // The host may go on saving the document while a private copy streams.
   replaceTempFilePath(tempFilePath());
-  const auto manager = QVHandoffManager::defaultManager();
   QVError error;
-  if (!manager->copyHandoffDocumentAtPath(*filePath, tempFilePath_, &error)) {
+  if (!context->copyHandoffDocumentAtPath(*filePath, tempFilePath_, &error)) {
     QV_LOG_ERROR("Couldn't copy file on handoff document operation. Error: {}", error.description());
     return serverInternalErrorResponse();
   }
-  const auto attributes = manager->attributesOfHandoffDocumentAtPath(*filePath, &error);
+  const auto attributes = context->attributesOfHandoffDocumentAtPath(*filePath, &error);
   if (!attributes) {
     QV_LOG_ERROR("Couldn't get file file attributes on handoff document operation. Error: {}",
                  error.description());
@@ -416,17 +436,15 @@ void QVHandoffHTTPConnection::finishSaveBack() {
   if (!appendToSaveBackFile(plaintext->data(), plaintext->size())) return;
   saveBackFileHandle_.reset();
   postWillSaveBackRemoteDocumentNotification();
-  const auto manager = QVHandoffManager::defaultManager();
-  QVError error;
-  if (!manager->moveSavedBackDocumentAtPath(tempFilePath_, saveBackFilePath_, &error)) {
+  const auto context = handoffServer_.context();
+  QVError error = QVHandoffManager::internalError();
+  if (!context || !context->moveSavedBackDocumentAtPath(tempFilePath_, saveBackFilePath_, &error)) {
     QV_LOG_ERROR("Couldn't move file on save back operation. Error: {}", error.description());
     disconnect();
     return;
   }
-  if (auto documentInfo = manager->localDocumentInfoForFilePath(saveBackFilePath_)) {
-    documentInfo->setRemoteDeviceName({});
-    documentInfo->setRemoteFilePath({});
-  }
+  if (auto documentInfo = context->localDocumentInfoForFilePath(saveBackFilePath_))
+    setRemoteMarks(documentInfo, {}, {});
   postSaveBackNotificationWithProgress(1.0f);
   postDidSaveBackRemoteDocumentNotification();
   filePathForSaveBackFailNotification_.clear();
@@ -477,6 +495,15 @@ void QVHandoffHTTPConnection::postSaveBackRemoteDocumentNotificationWithName(con
 
 // MARK: Mark as modified and force remote save back
 
+void QVHandoffHTTPConnection::setRemoteMarks(std::shared_ptr<QVHandoffDocumentInfo> documentInfo,
+                                             std::string remoteDeviceName, std::string remoteFilePath) {
+  // On the main thread, where the host reads the record, and before the notifications that follow.
+  performOnMainThread([documentInfo = std::move(documentInfo), remoteDeviceName = std::move(remoteDeviceName),
+                       remoteFilePath = std::move(remoteFilePath)](QVHandoffServerContext& context) {
+    context.setRemoteMarks(*documentInfo, remoteDeviceName, remoteFilePath);
+  });
+}
+
 std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::markAsModifiedFileResponse() {
   const auto object = JSONObjectWithAES256EncryptedData(requestBody_);
   if (!object) {
@@ -510,9 +537,10 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::markAsModifiedFileRespo
     QV_LOG_ERROR("Mark as modified remote device type not found in request");
     return serverInternalErrorResponse();
   }
-  if (auto documentInfo = QVHandoffManager::defaultManager()->localDocumentInfoForFilePath(*filePath)) {
-    documentInfo->setRemoteFilePath(*remoteFilePath);
-    documentInfo->setRemoteDeviceName(*remoteDeviceName);
+  const auto context = this->context();
+  if (!context) return serverInternalErrorResponse();
+  if (auto documentInfo = context->localDocumentInfoForFilePath(*filePath)) {
+    setRemoteMarks(documentInfo, *remoteDeviceName, *remoteFilePath);
     QVUserInfo userInfo = {{QVHandoffManagerFilePathKey, *filePath},
                            {QVHandoffManagerDeviceNameKey, *remoteDeviceName},
                            {QVHandoffManagerDeviceTypeKey, *remoteDeviceType}};

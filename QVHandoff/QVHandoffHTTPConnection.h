@@ -14,13 +14,16 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 class QVFileHandle;
 class QVHandoffAES256Cryptor;
+class QVHandoffDocumentInfo;
 class QVHandoffHTTPServer;
+class QVHandoffServerContext;
 
 class QVHandoffHTTPConnection : public QVHTTPConnection {
 public:
@@ -75,6 +78,15 @@ protected:
   void postWillSaveBackRemoteDocumentNotification();
   void postDidSaveBackRemoteDocumentNotification();
   void postSaveBackRemoteDocumentNotificationWithName(const char* name);
+
+  // The owning manager's side, or none (logged) once it is gone.
+  std::shared_ptr<QVHandoffServerContext> context() const;
+  // Runs `task` on the main thread while this connection waits, unless the server stops meanwhile: then
+  // it runs there later, in order, and this connection goes on.
+  void performOnMainThread(std::function<void(QVHandoffServerContext&)> task);
+  void postOnMainThread(const char* name, QVUserInfo userInfo);
+  void setRemoteMarks(std::shared_ptr<QVHandoffDocumentInfo> documentInfo, std::string remoteDeviceName,
+                      std::string remoteFilePath);
 
 private:
   enum class Route { None, TabsList, Handoff, MarkAsModified, ForceRemoteSaveBack, SaveBack };

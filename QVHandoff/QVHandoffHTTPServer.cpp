@@ -27,6 +27,10 @@ std::string describeErrorDictionary(const QVUserInfo& errorDict) {
   return text + "}";
 }
 
+bool isLoopbackAddress(const std::string& address) {
+  return address.starts_with("127.");
+}
+
 } // namespace
 
 // The service holds its delegate weakly and the server is not always held by a shared pointer: this
@@ -61,6 +65,7 @@ QVHandoffHTTPServer::QVHandoffHTTPServer()
 QVHandoffHTTPServer::~QVHandoffHTTPServer() {
   publicationDelegate_->detach();
   stop();
+  waitUntilClosed(); // closing connections still use this server
 }
 
 std::shared_ptr<QVHandoffHTTPServerDelegate> QVHandoffHTTPServer::delegate() const {
@@ -71,6 +76,21 @@ std::shared_ptr<QVHandoffHTTPServerDelegate> QVHandoffHTTPServer::delegate() con
 void QVHandoffHTTPServer::setDelegate(const std::shared_ptr<QVHandoffHTTPServerDelegate>& delegate) {
   std::lock_guard lock(mutex_);
   delegate_ = delegate;
+}
+
+void QVHandoffHTTPServer::setContext(const std::shared_ptr<QVHandoffServerContext>& context) {
+  std::lock_guard lock(mutex_);
+  context_ = context;
+}
+
+std::shared_ptr<QVHandoffServerContext> QVHandoffHTTPServer::context() const {
+  std::lock_guard lock(mutex_);
+  return context_.lock();
+}
+
+std::weak_ptr<QVHandoffServerContext> QVHandoffHTTPServer::weakContext() const {
+  std::lock_guard lock(mutex_);
+  return context_;
 }
 
 QVData QVHandoffHTTPServer::AES256Key() const {
@@ -120,7 +140,7 @@ bool QVHandoffHTTPServer::start(QVError* error) {
   std::shared_ptr<QVNetService> service;
   {
     std::lock_guard lock(mutex_);
-    if (type_.empty()) return true;
+    if (type_.empty() || isLoopbackAddress(interface())) return true;
     // An empty name publishes under the machine's name, and DNS-SD renames it on a clash.
     netService_ = std::make_shared<QVNetService>("", type_, "", port());
     netService_->setDelegate(publicationDelegate_);

@@ -11,6 +11,7 @@
 #include <string>
 
 class QVHandoffHTTPServer;
+class QVHandoffServerContext;
 
 class QVHandoffHTTPServerDelegate {
 public:
@@ -27,6 +28,11 @@ public:
   std::shared_ptr<QVHandoffHTTPServerDelegate> delegate() const;
   void setDelegate(const std::shared_ptr<QVHandoffHTTPServerDelegate>& delegate);
 
+  // What connections serve: the owning manager's documents, blocks and notifications. Held weakly.
+  void setContext(const std::shared_ptr<QVHandoffServerContext>& context);
+  std::shared_ptr<QVHandoffServerContext> context() const;
+  std::weak_ptr<QVHandoffServerContext> weakContext() const;
+
   // May be replaced at any time; connections read it afresh for every body they encrypt or decrypt.
   QVData AES256Key() const;
   void setAES256Key(QVData key);
@@ -41,9 +47,11 @@ public:
   std::string publishedName() const;
 
   // Listens on a free port, then publishes when a type is set: under an empty name, in "local", on that
-  // port. These hide the plain server's operations so that publication follows listening.
+  // port. A server bound to the loopback is not announced: no peer could reach it. These hide the plain
+  // server's operations so that publication follows listening.
   bool start(QVError* error);
-  // Withdraws the publication, closes the listener and cuts every open connection.
+  // Withdraws the publication and returns at once; the listener and every open connection close in the
+  // background.
   void stop();
 
   void netServiceDidPublish(const std::shared_ptr<QVNetService>& sender);
@@ -52,9 +60,11 @@ public:
 private:
   class PublicationDelegate;
 
-  mutable std::mutex mutex_; // the key and the delegate are set on the main thread, read by connections
+  mutable std::mutex
+      mutex_; // the key, the delegate and the context are set on the main thread, read by connections
   QVData AES256Key_;
   std::weak_ptr<QVHandoffHTTPServerDelegate> delegate_;
+  std::weak_ptr<QVHandoffServerContext> context_;
   std::string type_;
   QVTXTRecordDictionary TXTRecordDictionary_;
   std::string publishedName_;

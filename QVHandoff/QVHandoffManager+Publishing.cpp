@@ -3,6 +3,8 @@
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"
+#include "QVHandoff/QVHandoffServerContext.h"
+#include "QVHandoff/QVHandoffServerInfo.h"
 
 #include <chrono>
 #include <utility>
@@ -15,12 +17,93 @@ QVData bytes(const std::string& text) {
   return QVData(text.begin(), text.end());
 }
 
+// Connections reach the manager through this object. A call off the main thread holds the manager only
+// for its own length and lets go of it on the main thread: a host dropping the manager meanwhile must not
+// see it destroyed on a connection thread.
+class ManagerServerContext final : public QVHandoffServerContext {
+public:
+  explicit ManagerServerContext(std::weak_ptr<QVHandoffManager> manager) : manager_(std::move(manager)) {}
+
+  std::shared_ptr<const DocumentInfoList> localDocumentsInfo() const override {
+    const auto manager = this->manager();
+    return manager ? manager->localDocumentsInfo() : std::make_shared<const DocumentInfoList>();
+  }
+  uint64_t currentLocalDocumentIndex() const override {
+    const auto manager = this->manager();
+    return manager ? manager->currentLocalDocumentIndex() : QVNotFound;
+  }
+  std::shared_ptr<QVHandoffDocumentInfo>
+  localDocumentInfoForFilePath(const std::string& path) const override {
+    const auto manager = this->manager();
+    return manager ? manager->localDocumentInfoForFilePath(path) : nullptr;
+  }
+  bool copyHandoffDocumentAtPath(const std::string& path, const std::string& toPath,
+                                 QVError* error) override {
+    const auto manager = this->manager();
+    return manager ? manager->copyHandoffDocumentAtPath(path, toPath, error) : failed(error);
+  }
+  bool moveSavedBackDocumentAtPath(const std::string& path, const std::string& toOriginalPath,
+                                   QVError* error) override {
+    const auto manager = this->manager();
+    return manager ? manager->moveSavedBackDocumentAtPath(path, toOriginalPath, error) : failed(error);
+  }
+  std::optional<QVFileAttributes> attributesOfHandoffDocumentAtPath(const std::string& path,
+                                                                    QVError* error) const override {
+    const auto manager = this->manager();
+    if (!manager) {
+      failed(error);
+      return std::nullopt;
+    }
+    return manager->attributesOfHandoffDocumentAtPath(path, error);
+  }
+
+  void postNotification(const char* name, QVUserInfo userInfo) override {
+    QV_ASSERT_MAIN_THREAD();
+    if (const auto manager = manager_.lock())
+      QVNotificationCenter::defaultCenter().post(name, manager.get(), std::move(userInfo));
+  }
+  void postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(const std::string& path) override {
+    QV_ASSERT_MAIN_THREAD();
+    if (const auto manager = manager_.lock())
+      manager->postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(path);
+  }
+  void setRemoteMarks(QVHandoffDocumentInfo& documentInfo, const std::string& remoteDeviceName,
+                      const std::string& remoteFilePath) override {
+    QV_ASSERT_MAIN_THREAD();
+    documentInfo.setRemoteDeviceName(remoteDeviceName);
+    documentInfo.setRemoteFilePath(remoteFilePath);
+  }
+
+private:
+  static bool failed(QVError* error) {
+    if (error) *error = QVHandoffManager::internalError();
+    return false;
+  }
+
+  std::shared_ptr<QVHandoffManager> manager() const {
+    auto manager = manager_.lock();
+    if (!manager || QVMainQueue::main().isMainThread()) return manager;
+    QVHandoffManager* const raw = manager.get();
+    return std::shared_ptr<QVHandoffManager>(raw, [held = std::move(manager)](QVHandoffManager*) mutable {
+      QVMainQueue::main().post([held = std::move(held)] {});
+    });
+  }
+
+  std::weak_ptr<QVHandoffManager> manager_;
+};
+
 } // namespace
+
+std::shared_ptr<QVHandoffServerContext> QVHandoffManager::serverContext() {
+  if (!serverContext_) serverContext_ = std::make_shared<ManagerServerContext>(weak_from_this());
+  return serverContext_;
+}
 
 std::shared_ptr<QVHandoffHTTPServer> QVHandoffManager::localServer() {
   if (!localServer_) {
     localServer_ = std::make_shared<QVHandoffHTTPServer>();
     localServer_->setDelegate(weak_from_this().lock());
+    localServer_->setContext(serverContext());
   }
   return localServer_;
 }

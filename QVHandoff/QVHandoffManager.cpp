@@ -152,8 +152,6 @@ void QVHandoffManager::stopHandoffService() {
   iCloudWasNotConfiguredOnServiceStart_ = false;
   if (!serviceStarted_) return;
   QV_LOG_INFO("Stop handoff service");
-  // Cleared first: the server runs the main queue while its connections die, and a restart waiting
-  // there must find the service stopped rather than stop it a second time.
   serviceStarted_ = false;
   stopPublishing();
   stopBrowsing();

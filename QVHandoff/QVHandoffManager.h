@@ -20,6 +20,7 @@
 #include <unordered_set>
 #include <vector>
 
+class QVHandoffServerContext;
 class QVHandoffServerInfo;
 class QVHTTPSessionManager;
 class QVNetService;
@@ -140,6 +141,9 @@ public:
 
   // ---- Publishing ----
   std::shared_ptr<QVHandoffHTTPServer> localServer();
+  // What the local server's connections reach this manager through; a server of the host's own may take
+  // it too. Made on first use.
+  std::shared_ptr<QVHandoffServerContext> serverContext();
   void startPublishing();
   void stopPublishing();
   // After the host changed records of the list in place.
@@ -309,4 +313,7 @@ private:
   QVHandoffFileAttributesBlock fileAttributesBlock_;
   std::once_flag handoffDirectoryOnce_;
   std::string handoffDirectoryPath_;
+
+  // Publishing: held here, weakly by the server, so that the connections of a manager gone answer 500.
+  std::shared_ptr<QVHandoffServerContext> serverContext_;
 };

@@ -56,9 +56,12 @@ public:
   void disconnect() { disconnecting_ = true; }
   bool isDisconnecting() const { return disconnecting_; }
   QVHTTPServer& server() const { return server_; }
+  // Holds once the server was stopped: whatever this connection waits for, it waits no longer.
+  const std::atomic<bool>& serverStopped() const { return serverStopped_ ? *serverStopped_ : kNotStopped; }
 
 private:
   friend class QVHTTPConnectionDriver;
+  friend class QVHTTPServer;
   enum class Stage { Idle, Headers, Body, Responded };
 
   QVHTTPServer& server_;
@@ -68,4 +71,6 @@ private:
   std::string requestURI_;
   std::string requestMethod_;
   std::atomic<bool> disconnecting_ = false;
+  std::shared_ptr<const std::atomic<bool>> serverStopped_; // set by the server before the first callback
+  static inline const std::atomic<bool> kNotStopped = false;
 };

@@ -2,7 +2,6 @@
 
 #include "Foundation/QVCFree.h"
 #include "Foundation/QVLog.h"
-#include "Foundation/QVMainQueue.h"
 #include "Foundation/QVReadAhead.h"
 #include "Network/HTTPServer/QVHTTPConnection.h"
 #include "Network/HTTPServer/QVHTTPErrorResponse.h"
@@ -16,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <netinet/in.h>
-#include <thread>
 #include <vector>
 
 QV_LOG_SOURCE("Network/QVHTTPServer")
@@ -196,6 +194,11 @@ QVHTTPServer::QVHTTPServer()
 
 QVHTTPServer::~QVHTTPServer() {
   stop();
+  waitUntilClosed();
+}
+
+void QVHTTPServer::waitUntilClosed() {
+  closing_.clear(); // each future waits for its daemon
 }
 
 void QVHTTPServer::setConnectionFactory(ConnectionFactory factory) {
@@ -206,7 +209,9 @@ void QVHTTPServer::setConnectionFactory(ConnectionFactory factory) {
 std::shared_ptr<QVHTTPConnection> QVHTTPServer::connectionDidStart(const void* handle) {
   std::lock_guard lock(mutex_);
   auto connection = factory_(*this);
-  if (connection) connections_[handle] = connection;
+  if (!connection) return nullptr;
+  connection->serverStopped_ = stopped_;
+  connections_[handle] = connection;
   return connection;
 }
 
@@ -269,6 +274,10 @@ bool QVHTTPServer::start(QVError* error) {
     if (error) *error = QVError{QVHTTPServerErrorDomain, EADDRNOTAVAIL, {}};
     return false;
   }
+  {
+    std::lock_guard lock(mutex_);
+    stopped_ = std::make_shared<std::atomic<bool>>(false);
+  }
   daemon_ = std::make_unique<Daemon>(Daemon{std::move(handle)});
   port_ = info->port;
   return true;
@@ -278,21 +287,15 @@ void QVHTTPServer::stop() {
   std::unique_ptr<Daemon> daemon = std::move(daemon_);
   if (!daemon) return;
   port_ = 0;
-  QVMainQueue& mainQueue = QVMainQueue::main();
-  if (!mainQueue.isMainThread()) {
-    daemon.reset();
-    return;
+  {
+    std::lock_guard lock(mutex_);
+    if (stopped_) stopped_->store(true);
   }
-  // Connections may be waiting for the main thread to deliver a notification while the library joins
-  // their threads: keep the main queue running meanwhile. (A host that dispatches the main queue into
-  // a loop of its own must not stop the server from inside that loop.)
-  std::atomic<bool> stopped = false;
-  std::thread stopper([&] {
-    daemon.reset();
-    stopped = true;
+  std::erase_if(closing_, [](const std::future<void>& closing) {
+    return closing.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
   });
-  while (!stopped && !mainQueue.stopped()) {
-    mainQueue.runUntil([&] { return stopped.load(); }, std::chrono::milliseconds(100));
-  }
-  stopper.join();
+  // The library joins the connection threads, and those may be busy for a while (a copy, a move, a
+  // main-thread wait being released): never on the caller's thread, which may be the main one.
+  closing_.push_back(
+      std::async(std::launch::async, [daemon = std::move(daemon)]() mutable { daemon.reset(); }));
 }

@@ -8,10 +8,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 class QVHTTPConnection;
 class QVHTTPConnectionDriver;
@@ -46,16 +48,23 @@ public:
   // The IPv4 address to listen on ("127.0.0.1"); empty, the default, listens on every interface,
   // IPv6 and IPv4.
   void setInterface(std::string address) { interface_ = std::move(address); }
+  const std::string& interface() const { return interface_; }
 
   // Starts listening on a free port. False, with the error when there is one, if that fails.
   bool start(QVError* error);
-  // Closes the listener and every open connection, transfers in progress included; each connection
-  // dies before this returns.
+  // Returns at once. The listener and every open connection, transfers in progress included, close in
+  // the background; connections waiting for the main thread are released (QVHTTPConnection::serverStopped).
+  // start() may follow at once, on a new port. The destructor waits until every closing is done.
   void stop();
   bool isRunning() const { return port_ != 0; }
   // The port chosen at start; 0 while stopped.
   uint16_t port() const { return port_; }
   size_t numberOfHTTPConnections() const;
+
+protected:
+  // Waits until every stopped daemon has closed. A subclass whose connections use it calls this in its
+  // destructor, while it is still whole.
+  void waitUntilClosed();
 
 private:
   friend class QVHTTPConnectionDriver;
@@ -68,7 +77,11 @@ private:
   std::string interface_;
   std::unique_ptr<Daemon> daemon_;
   std::atomic<uint16_t> port_ = 0;
-  mutable std::mutex mutex_; // guards the factory and the open connections
+  mutable std::mutex mutex_; // guards the factory, the open connections and the running daemon's flag
   ConnectionFactory factory_;
   std::map<const void*, std::shared_ptr<QVHTTPConnection>> connections_;
+  // Set by stop() for the connections of the daemon that was running; a new one for every start.
+  std::shared_ptr<std::atomic<bool>> stopped_;
+  // Daemons closing in the background. The library calls back into this server until each is done.
+  std::vector<std::future<void>> closing_;
 };

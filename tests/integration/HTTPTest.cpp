@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -53,7 +54,9 @@ public:
     body_.insert(body_.end(), bytes, bytes + length);
     if (requestURI() == "/main") {
       journal_.add("waiting");
-      performOnMainThreadSynchronouslyIfPossible([] {});
+      const bool ran =
+          performOnMainThreadSynchronouslyUnlessReleased([this] { journal_.add("main"); }, serverStopped());
+      journal_.add(ran ? "ran" : "released");
     }
   }
   void finishBody() override { journal_.add("finish"); }
@@ -312,22 +315,35 @@ TEST_F(HTTPTest, ASilentOrStalledPeerBecomesAURLError) {
   EXPECT_EQ(code(perform(request)), QVURLError::TimedOut);
 }
 
-TEST_F(HTTPTest, StopDoesNotDeadlockOnAConnectionWaitingForTheMainThread) {
+TEST_F(HTTPTest, StopReturnsAtOnceAndReleasesAConnectionWaitingForTheMainThread) {
   QVURLRequest request(URL("/main"), "POST");
   request.setHTTPBody(QVTestBytes(1024));
   Outcome outcome;
   task(request, outcome)->resume();
-  // The main queue is not run here, so the connection really is stuck when stop() starts.
-  for (int i = 0; i < 1000; ++i) {
+  const auto journalHas = [&](const std::string& call) {
     std::lock_guard lock(journal_.mutex);
-    if (!journal_.calls.empty() && journal_.calls.back() == "waiting") break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+    return std::find(journal_.calls.begin(), journal_.calls.end(), call) != journal_.calls.end();
+  };
+  // The main queue is not run here, so the connection really is stuck when stop() is called.
+  const auto waitFor = [](const std::function<bool()>& done) {
+    for (int i = 0; i < 1000 && !done(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return done();
+  };
+  ASSERT_TRUE(waitFor([&] { return journalHas("waiting"); }));
   server_.stop();
   EXPECT_FALSE(server_.isRunning());
-  EXPECT_EQ(server_.numberOfHTTPConnections(), 0u);
+  // Released and closed in the background, still without the main thread.
+  EXPECT_TRUE(waitFor([&] { return server_.numberOfHTTPConnections() == 0 && journalHas("die"); }));
+  EXPECT_TRUE(journalHas("released"));
+  EXPECT_FALSE(journalHas("main"));
+  // A new start does not wait for anything either.
+  ASSERT_TRUE(server_.start(nullptr));
+  EXPECT_TRUE(server_.isRunning());
+
+  // The released task still runs, on the main thread, and the client hears of its request.
+  EXPECT_TRUE(QVRunMainQueueUntil([&] { return outcome.calls > 0 && journalHas("main"); }));
   const auto journal = journal_.take();
   EXPECT_EQ(std::count(journal.begin(), journal.end(), "waiting"), 1);
-  EXPECT_EQ(journal.back(), "die");
-  EXPECT_TRUE(QVRunMainQueueUntil([&] { return outcome.calls > 0; }));
+  EXPECT_EQ(std::count(journal.begin(), journal.end(), "ran"), 0);
 }

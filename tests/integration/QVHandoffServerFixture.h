@@ -45,6 +45,7 @@ protected:
     setenv("TMPDIR", tmp_.c_str(), 1);
     server_.setInterface("127.0.0.1");
     server_.setAES256Key(key_);
+    server_.setContext(manager_->serverContext());
     ASSERT_TRUE(server_.start(nullptr));
     manager_->setLocalDocumentsInfo(nullptr);
     manager_->setCurrentLocalDocumentIndex(0);
