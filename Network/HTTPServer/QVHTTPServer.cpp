@@ -10,11 +10,13 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <netinet/in.h>
+#include <thread>
 #include <vector>
 
 QV_LOG_SOURCE("Network/QVHTTPServer")
@@ -35,6 +37,12 @@ constexpr size_t kReadAheadChunks = 2;
 
 struct QVHTTPServer::Daemon {
   QVMHDDaemon handle;
+};
+
+struct QVHTTPServer::Closing {
+  std::mutex mutex;
+  std::condition_variable done;
+  size_t pending = 0;
 };
 
 // The glue between the library's C callbacks and the connection objects.
@@ -190,7 +198,8 @@ private:
 };
 
 QVHTTPServer::QVHTTPServer()
-    : factory_([](QVHTTPServer& server) { return std::make_shared<QVHTTPConnection>(server); }) {}
+    : factory_([](QVHTTPServer& server) { return std::make_shared<QVHTTPConnection>(server); }),
+      closing_(std::make_shared<Closing>()) {}
 
 QVHTTPServer::~QVHTTPServer() {
   stop();
@@ -198,7 +207,8 @@ QVHTTPServer::~QVHTTPServer() {
 }
 
 void QVHTTPServer::waitUntilClosed() {
-  closing_.clear(); // each future waits for its daemon
+  std::unique_lock lock(closing_->mutex);
+  closing_->done.wait(lock, [&] { return closing_->pending == 0; });
 }
 
 void QVHTTPServer::setConnectionFactory(ConnectionFactory factory) {
@@ -291,11 +301,16 @@ void QVHTTPServer::stop() {
     std::lock_guard lock(mutex_);
     if (stopped_) stopped_->store(true);
   }
-  std::erase_if(closing_, [](const std::future<void>& closing) {
-    return closing.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-  });
+  {
+    std::lock_guard lock(closing_->mutex);
+    ++closing_->pending;
+  }
   // The library joins the connection threads, and those may be busy for a while (a copy, a move, a
   // main-thread wait being released): never on the caller's thread, which may be the main one.
-  closing_.push_back(
-      std::async(std::launch::async, [daemon = std::move(daemon)]() mutable { daemon.reset(); }));
+  std::thread([closing = closing_, daemon = std::move(daemon)]() mutable {
+    daemon.reset();
+    std::lock_guard lock(closing->mutex);
+    --closing->pending;
+    closing->done.notify_all();
+  }).detach();
 }

@@ -8,12 +8,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 class QVHTTPConnection;
 class QVHTTPConnectionDriver;
@@ -83,5 +81,6 @@ private:
   // Set by stop() for the connections of the daemon that was running; a new one for every start.
   std::shared_ptr<std::atomic<bool>> stopped_;
   // Daemons closing in the background. The library calls back into this server until each is done.
-  std::vector<std::future<void>> closing_;
+  struct Closing;
+  std::shared_ptr<Closing> closing_;
 };

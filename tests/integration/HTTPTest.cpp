@@ -54,8 +54,8 @@ public:
     body_.insert(body_.end(), bytes, bytes + length);
     if (requestURI() == "/main") {
       journal_.add("waiting");
-      const bool ran =
-          performOnMainThreadSynchronouslyUnlessReleased([this] { journal_.add("main"); }, serverStopped());
+      const bool ran = performOnMainThreadSynchronouslyUnlessReleased(
+          [journal = &journal_] { journal->add("main"); }, serverStopped());
       journal_.add(ran ? "ran" : "released");
     }
   }
