@@ -4,7 +4,6 @@
 #include "Foundation/QVFileHandle.h"
 #include "Foundation/QVFileOperations.h"
 #include "Foundation/QVLog.h"
-#include "Foundation/QVMIMEType.h"
 #include "Foundation/QVMainQueue.h"
 #include "Foundation/QVNotificationCenter.h"
 #include "Foundation/QVPaths.h"
@@ -17,6 +16,7 @@
 #include "QVHandoff/QVHandoffHTTPServer.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffProtocol.h"
+#include "QVHandoff/QVHandoffRequestValues.h"
 #include "QVHandoff/QVHandoffServerContext.h"
 
 #include <algorithm>
@@ -28,38 +28,9 @@ QV_LOG_SOURCE("QVHandoff/QVHandoffHTTPConnection")
 
 namespace {
 
-constexpr const char* kUnknownMIMEType = "application/octet-stream";
-
-// A string value of a request object; anything else (absent, another type, not an object) is absent.
-std::optional<std::string> stringValue(const nlohmann::json& object, const char* key) {
-  if (!object.is_object()) return std::nullopt;
-  auto found = object.find(key);
-  if (found == object.end() || !found->is_string()) return std::nullopt;
-  return found->get<std::string>();
-}
-
-// A scalar passed on to the host as received; arrays, objects and null count as absent.
-std::optional<QVValue> scalarValue(const nlohmann::json& object, const char* key) {
-  if (!object.is_object()) return std::nullopt;
-  auto found = object.find(key);
-  if (found == object.end()) return std::nullopt;
-  const nlohmann::json& value = *found;
-  if (value.is_string()) return QVValue(value.get<std::string>());
-  if (value.is_boolean()) return QVValue(value.get<bool>());
-  if (value.is_number_unsigned() && value.get<uint64_t>() > uint64_t(INT64_MAX)) {
-    return QVValue(value.get<uint64_t>());
-  }
-  if (value.is_number_integer()) return QVValue(value.get<int64_t>());
-  if (value.is_number_float()) return QVValue(value.get<double>());
-  return std::nullopt;
-}
-
-// The type a file name suggests; empty when its extension tells nothing.
-std::string contentTypeForPath(const std::string& path) {
-  if (std::filesystem::path(path).extension().empty()) return {};
-  std::string type = QVMIMETypeForPath(path);
-  return type == kUnknownMIMEType ? std::string() : type;
-}
+using QVHandoffRequestValues::contentTypeForPath;
+using QVHandoffRequestValues::scalarValue;
+using QVHandoffRequestValues::stringValue;
 
 uint64_t numberFromQueryValue(const std::string& text) {
   return QVHandoffHTTPConnection::numberFormatter().numberFromString(text).value_or(0);
