@@ -107,6 +107,15 @@ protected:
     client.netServiceDidResolveAddress(peer);
   }
 
+  // A manager of the host's that has listed `origin`'s documents as those of the device "Origin".
+  std::shared_ptr<QVHandoffManager> clientListing(QVHandoffManager& origin, HostLoop& loop) {
+    auto client = QVHandoffManager::make();
+    managers_.push_back(client);
+    addPeer(*client, "Origin", origin.localServer()->port());
+    EXPECT_TRUE(loop.runUntil([&] { return !listedPaths(*client, "Origin").empty(); }));
+    return client;
+  }
+
   static std::vector<std::string> listedPaths(const QVHandoffManager& client, const std::string& device) {
     std::vector<std::string> paths;
     for (const auto& server : client.remoteServersInfo()) {
@@ -128,10 +137,8 @@ protected:
 TEST_F(ServiceControlTest, HostLoopHandsOffSavesBackAndStopsFromInsideASaveBackObserver) {
   const auto loop = installHostLoop();
   const auto origin = startedManager({"Report.pdf"});
-  const auto client = QVHandoffManager::make();
-  managers_.push_back(client);
-  addPeer(*client, "Origin", origin->localServer()->port());
-  ASSERT_TRUE(loop->runUntil([&] { return listedPaths(*client, "Origin").size() == 1; }));
+  const auto client = clientListing(*origin, *loop);
+  ASSERT_EQ(listedPaths(*client, "Origin").size(), 1u);
 
   const auto record = client->remoteServersInfo().front()->documentsInfo().front();
   std::vector<std::string> copies;
@@ -163,7 +170,7 @@ TEST_F(ServiceControlTest, HostLoopHandsOffSavesBackAndStopsFromInsideASaveBackO
   // The stopped server's connections close without the loop: nothing is left waiting on it.
   EXPECT_TRUE(loop->runUntil([&] { return origin->localServer()->numberOfHTTPConnections() == 0; }));
 
-  // And it starts again at once, serving a fresh list to the client.
+  // And it starts again at once.
   origin->startHandoffService();
   ASSERT_TRUE(origin->localServer()->isRunning());
   EXPECT_EQ(log_.count("Start handoff service"), 2u);
@@ -172,10 +179,8 @@ TEST_F(ServiceControlTest, HostLoopHandsOffSavesBackAndStopsFromInsideASaveBackO
 TEST_F(ServiceControlTest, MetaChangeDuringAStopRestartsTheServiceOnce) {
   const auto loop = installHostLoop();
   const auto origin = startedManager({"Notes.pdf"});
-  const auto client = QVHandoffManager::make();
-  managers_.push_back(client);
-  addPeer(*client, "Origin", origin->localServer()->port());
-  ASSERT_TRUE(loop->runUntil([&] { return listedPaths(*client, "Origin").size() == 1; }));
+  const auto client = clientListing(*origin, *loop);
+  ASSERT_EQ(listedPaths(*client, "Origin").size(), 1u);
   const auto record = client->remoteServersInfo().front()->documentsInfo().front();
   const uint16_t oldPort = origin->localServer()->port();
 
