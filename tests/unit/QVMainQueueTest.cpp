@@ -6,7 +6,9 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 QV_LOG_SOURCE("Tests/QVMainQueueTest")
 
@@ -48,6 +50,42 @@ TEST(QVMainQueueTest, StoppedQueueReleasesWaitersWithoutRunningTheirTask) {
   QVMainQueue::main().drain(); // the abandoned task must not run now either
   EXPECT_FALSE(ran);
   EXPECT_TRUE(log.contains("Main queue stopped, dropping a task", "warning"));
+}
+
+TEST(QVMainQueueTest, ReleasedWaiterGoesOnAndItsTaskStillRunsOnTheMainThreadInOrder) {
+  std::atomic<bool> released = false;
+  std::mutex mutex;
+  std::vector<std::string> ran;
+  const auto task = [&](std::string name) {
+    return [&, name] {
+      std::lock_guard lock(mutex);
+      ran.push_back(QVMainQueue::main().isMainThread() ? name : "off main");
+    };
+  };
+  std::atomic<int> results = 0;
+  std::atomic<bool> done = false;
+  std::thread worker([&] {
+    // The main queue is not run meanwhile: only the release lets these calls return.
+    if (!performOnMainThreadSynchronouslyUnlessReleased(task("waited"), released)) ++results;
+    if (!performOnMainThreadSynchronouslyUnlessReleased(task("after"), released)) ++results;
+    done = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  released = true;
+  for (int i = 0; i < 500 && !done; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_TRUE(done.load()) << "a released waiter still waits";
+  worker.join();
+  EXPECT_EQ(results, 2);
+  EXPECT_TRUE(QVRunMainQueueUntil([&] {
+    std::lock_guard lock(mutex);
+    return ran.size() == 2;
+  }));
+  EXPECT_EQ(ran, (std::vector<std::string>{"waited", "after"}));
+
+  // On the main thread it runs at once, released or not.
+  EXPECT_TRUE(performOnMainThreadSynchronouslyUnlessReleased(task("inline"), released));
+  EXPECT_EQ(ran.back(), "inline");
 }
 
 TEST(QVMainQueueTest, TasksAndTimersRunInOrderAndCancelledTimersNever) {
