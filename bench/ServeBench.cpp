@@ -6,6 +6,7 @@
 #include "Foundation/QVFileOperations.h"
 #include "QVHandoff/QVHandoffAES256Cryptor.h"
 #include "QVHandoff/QVHandoffHTTPServer.h"
+#include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"
 
 #include <benchmark/benchmark.h>
@@ -60,6 +61,7 @@ struct Setup {
     }
     server.setInterface("127.0.0.1");
     server.setAES256Key(key);
+    server.setContext(QVHandoffManager::defaultManager()->serverContext());
     server.start(nullptr);
   }
   ~Setup() {

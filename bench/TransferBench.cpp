@@ -68,6 +68,7 @@ int serve(const QVData& key) {
   QVHandoffHTTPServer server;
   server.setInterface("127.0.0.1");
   server.setAES256Key(key);
+  server.setContext(QVHandoffManager::defaultManager()->serverContext());
   if (!server.start(nullptr)) return 1;
   fmt::print("{}\n", server.port());
   std::fflush(stdout);
