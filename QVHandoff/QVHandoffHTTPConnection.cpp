@@ -31,29 +31,8 @@ namespace {
 using QVHandoffRequestValues::contentTypeForPath;
 using QVHandoffRequestValues::scalarValue;
 using QVHandoffRequestValues::stringValue;
-
-uint64_t numberFromQueryValue(const std::string& text) {
-  return QVHandoffHTTPConnection::numberFormatter().numberFromString(text).value_or(0);
-}
-
-// "{12.5, 300}"; anything else is the origin.
-QVPoint pointFromQueryValue(std::string_view text) {
-  if (text.size() < 2 || text.front() != '{' || text.back() != '}') return {};
-  text = text.substr(1, text.size() - 2);
-  const size_t comma = text.find(',');
-  if (comma == std::string_view::npos) return {};
-  auto trimmed = [](std::string_view part) {
-    while (!part.empty() && part.front() == ' ')
-      part.remove_prefix(1);
-    while (!part.empty() && part.back() == ' ')
-      part.remove_suffix(1);
-    return part;
-  };
-  const auto x = QVParseDoubleNumber(trimmed(text.substr(0, comma)));
-  const auto y = QVParseDoubleNumber(trimmed(text.substr(comma + 1)));
-  if (!x || !y) return {};
-  return {*x, *y};
-}
+using QVHandoffRequestValues::numberFromQueryValue;
+using QVHandoffRequestValues::pointFromQueryValue;
 
 } // namespace
 

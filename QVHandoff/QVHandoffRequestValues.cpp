@@ -1,6 +1,8 @@
 #include "QVHandoff/QVHandoffRequestValues.h"
 
+#include "Foundation/QVDateFormatting.h"
 #include "Foundation/QVMIMEType.h"
+#include "QVHandoff/QVHandoffMessageCodec.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -33,6 +35,28 @@ std::optional<QVValue> scalarValue(const nlohmann::json& object, const char* key
   if (value.is_number_integer()) return QVValue(value.get<int64_t>());
   if (value.is_number_float()) return QVValue(value.get<double>());
   return std::nullopt;
+}
+
+uint64_t numberFromQueryValue(const std::string& text) {
+  return QVHandoffMessageCodec::numberFormatter().numberFromString(text).value_or(0);
+}
+
+QVPoint pointFromQueryValue(std::string_view text) {
+  if (text.size() < 2 || text.front() != '{' || text.back() != '}') return {};
+  text = text.substr(1, text.size() - 2);
+  const size_t comma = text.find(',');
+  if (comma == std::string_view::npos) return {};
+  auto trimmed = [](std::string_view part) {
+    while (!part.empty() && part.front() == ' ')
+      part.remove_prefix(1);
+    while (!part.empty() && part.back() == ' ')
+      part.remove_suffix(1);
+    return part;
+  };
+  const auto x = QVParseDoubleNumber(trimmed(text.substr(0, comma)));
+  const auto y = QVParseDoubleNumber(trimmed(text.substr(comma + 1)));
+  if (!x || !y) return {};
+  return {*x, *y};
 }
 
 std::string contentTypeForPath(const std::string& path) {
