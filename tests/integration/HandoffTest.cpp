@@ -3,9 +3,77 @@
 #include "QVHandoff/QVHandoffAES256Data.h"
 #include "QVHandoffServerFixture.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstring>
+#include <thread>
 
 namespace {
+
+// Answers every connection, one after the other, with the same head and then the body a few KiB at a time
+// with a pause between pieces: chunks of a download keep arriving while the test acts. A client that
+// leaves ends its answer. Every wait is bounded.
+class QVSlowHTTPServer {
+public:
+  QVSlowHTTPServer(std::string head, QVData body) {
+    listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(listen(listener_, 4), 0);
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this, head = std::move(head), body = std::move(body)] { serve(head, body); });
+  }
+  ~QVSlowHTTPServer() {
+    stop_ = true;
+    thread_.join();
+    close(listener_);
+  }
+  uint16_t port() const { return port_; }
+
+private:
+  bool readable(int fd) const {
+    pollfd entry{fd, POLLIN, 0};
+    for (int i = 0; i < 100 && !stop_; ++i) {
+      if (poll(&entry, 1, 100) > 0) return true;
+    }
+    return false;
+  }
+  void serve(const std::string& head, const QVData& body) {
+    while (readable(listener_)) {
+      const int connection = accept(listener_, nullptr, nullptr);
+      std::string request;
+      char buffer[4096];
+      // The request's head and its body of "Content-Length" bytes.
+      for (ssize_t n; readable(connection) && (n = recv(connection, buffer, sizeof buffer, 0)) > 0;) {
+        request.append(buffer, static_cast<size_t>(n));
+        const size_t end = request.find("\r\n\r\n");
+        const size_t field = request.find("Content-Length: ");
+        if (end != std::string::npos &&
+            request.size() >= end + 4 + (field < end ? std::stoul(request.substr(field + 16)) : 0))
+          break;
+      }
+      bool sent = send(connection, head.data(), head.size(), MSG_NOSIGNAL) >= 0;
+      for (size_t offset = 0; sent && offset < body.size() && !stop_; offset += kPiece) {
+        const size_t length = std::min(kPiece, body.size() - offset);
+        sent = send(connection, body.data() + offset, length, MSG_NOSIGNAL) == static_cast<ssize_t>(length);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      close(connection);
+    }
+  }
+
+  static constexpr size_t kPiece = 8 * 1024;
+  int listener_ = -1;
+  uint16_t port_ = 0;
+  std::atomic<bool> stop_ = false;
+  std::thread thread_;
+};
 
 class HandoffTest : public QVHandoffServerTest {
 protected:
@@ -231,6 +299,40 @@ TEST_F(HandoffTest, CancelIsSilentAndANewerDownloadTakesTheChunksOver) {
   EXPECT_TRUE(QVReadFile(newer->completions[0]) == content);
   EXPECT_EQ(std::filesystem::path(newer->completions[0]).filename(), "Second.pdf");
   EXPECT_FALSE(std::filesystem::exists(manager_->handoffDirectoryPath() + "/Studio" + first->filePath()));
+}
+
+TEST_F(HandoffTest, ARecordRestartedWhileOldChunksArriveGetsOnlyTheNewCopy) {
+  // Slow enough that the first download's chunks still arrive when the same record starts again.
+  const QVData content = QVTestBytes(1024 * 1024, 3);
+  const QVData cipher = QVHandoffAES256Data::encryptWithKeyData(content, key_).value();
+  QVSlowHTTPServer slow(fmt::format("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: {}\r\n"
+                                    "Last-Modified: {}\r\nX-Decoded-Content-Length: {}\r\n\r\n",
+                                    cipher.size(), QVFormatHTTPDate(std::chrono::system_clock::now()),
+                                    content.size()),
+                        cipher);
+  addPeer("Studio", key_, slow.port());
+  const auto local = document("Doc.pdf", content);
+  const auto record = remote(*local);
+
+  std::shared_ptr<QVTransferOutcome> second;
+  const auto first = handoff(record, [&] {
+    if (second) return;
+    // Cancel and restart at once, on the record whose first download is mid-body.
+    manager_->cancelHandoffRemoteDocumentWithInfo(record);
+    second = handoff(record);
+  });
+  ASSERT_TRUE(QVRunMainQueueUntil([&] { return second && second->ended(); }, std::chrono::seconds(60)));
+  settle();
+  EXPECT_FALSE(first->ended()) << "a cancelled download ends silently";
+  ASSERT_EQ(second->completions.size(), 1u);
+  EXPECT_TRUE(second->errors.empty());
+  const std::string path = second->completions[0];
+  EXPECT_EQ(path, manager_->handoffDirectoryPath() + "/Studio" + local->filePath());
+  EXPECT_TRUE(QVReadFile(path) == content) << "no byte of the first download in the second copy";
+  const auto files = std::filesystem::recursive_directory_iterator(manager_->handoffDirectoryPath());
+  EXPECT_EQ(
+      std::count_if(begin(files), end(files), [](const auto& entry) { return entry.is_regular_file(); }), 1);
+  EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
 }
 
 } // namespace
