@@ -1,79 +1,12 @@
 #include "Foundation/QVDateFormatting.h"
 #include "Foundation/QVFileOperations.h"
+#include "Foundation/QVMainQueue.h"
 #include "QVHandoff/QVHandoffAES256Data.h"
 #include "QVHandoffServerFixture.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstring>
-#include <thread>
 
 namespace {
-
-// Answers every connection, one after the other, with the same head and then the body a few KiB at a time
-// with a pause between pieces: chunks of a download keep arriving while the test acts. A client that
-// leaves ends its answer. Every wait is bounded.
-class QVSlowHTTPServer {
-public:
-  QVSlowHTTPServer(std::string head, QVData body) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t length = sizeof address;
-    EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), length), 0);
-    EXPECT_EQ(listen(listener_, 4), 0);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this, head = std::move(head), body = std::move(body)] { serve(head, body); });
-  }
-  ~QVSlowHTTPServer() {
-    stop_ = true;
-    thread_.join();
-    close(listener_);
-  }
-  uint16_t port() const { return port_; }
-
-private:
-  bool readable(int fd) const {
-    pollfd entry{fd, POLLIN, 0};
-    for (int i = 0; i < 100 && !stop_; ++i) {
-      if (poll(&entry, 1, 100) > 0) return true;
-    }
-    return false;
-  }
-  void serve(const std::string& head, const QVData& body) {
-    while (readable(listener_)) {
-      const int connection = accept(listener_, nullptr, nullptr);
-      std::string request;
-      char buffer[4096];
-      // The request's head and its body of "Content-Length" bytes.
-      for (ssize_t n; readable(connection) && (n = recv(connection, buffer, sizeof buffer, 0)) > 0;) {
-        request.append(buffer, static_cast<size_t>(n));
-        const size_t end = request.find("\r\n\r\n");
-        const size_t field = request.find("Content-Length: ");
-        if (end != std::string::npos &&
-            request.size() >= end + 4 + (field < end ? std::stoul(request.substr(field + 16)) : 0))
-          break;
-      }
-      bool sent = send(connection, head.data(), head.size(), MSG_NOSIGNAL) >= 0;
-      for (size_t offset = 0; sent && offset < body.size() && !stop_; offset += kPiece) {
-        const size_t length = std::min(kPiece, body.size() - offset);
-        sent = send(connection, body.data() + offset, length, MSG_NOSIGNAL) == static_cast<ssize_t>(length);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
-      close(connection);
-    }
-  }
-
-  static constexpr size_t kPiece = 8 * 1024;
-  int listener_ = -1;
-  uint16_t port_ = 0;
-  std::atomic<bool> stop_ = false;
-  std::thread thread_;
-};
 
 class HandoffTest : public QVHandoffServerTest {
 protected:
@@ -85,6 +18,12 @@ protected:
     EXPECT_EQ(outcome.errors[0], (QVError{domain, code, {}}));
     EXPECT_TRUE(noCopies());
     EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
+  }
+  // What the real server sends before an encrypted body of `length` bytes.
+  static std::string answerHead(size_t length, size_t decodedLength) {
+    return fmt::format("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: {}\r\nLast-Modified: {}\r\n"
+                       "X-Decoded-Content-Length: {}\r\n\r\n",
+                       length, QVFormatHTTPDate(std::chrono::system_clock::now()), decodedLength);
   }
   bool noCopies() const {
     std::error_code missing;
@@ -301,15 +240,40 @@ TEST_F(HandoffTest, CancelIsSilentAndANewerDownloadTakesTheChunksOver) {
   EXPECT_FALSE(std::filesystem::exists(manager_->handoffDirectoryPath() + "/Studio" + first->filePath()));
 }
 
+TEST_F(HandoffTest, ACancelMeetingABodyCutPartWayEndsTheDownloadOnceAndLeavesNoCopy) {
+  const QVData content = QVTestBytes(1024 * 1024, 4);
+  const QVData cipher = QVHandoffAES256Data::encryptWithKeyData(content, key_).value();
+  // Announces the whole body, sends a bit more than half of it, slowly, and hangs up.
+  QVRawHTTPServer cut(answerHead(cipher.size(), content.size()) +
+                          std::string(cipher.begin(), cipher.begin() + 600 * 1024),
+                      false, 8 * 1024);
+  addPeer("Studio", key_, cut.port());
+  const auto local = document("Doc.pdf", content);
+  // The cancel lands before, at or after the failure, on the main thread while chunks and the failure come
+  // from the client's thread; whichever ends the download first, it ends once.
+  for (const int delay : {0, 40, 70, 75, 80, 90, 120}) {
+    const auto record = remote(*local);
+    const auto outcome = handoff(record);
+    QVMainQueue::main().postAfter(std::chrono::milliseconds(delay),
+                                  [&] { manager_->cancelHandoffRemoteDocumentWithInfo(record); });
+    QVRunMainQueueUntil([&] { return outcome->ended(); }, std::chrono::milliseconds(400));
+    settle();
+    EXPECT_TRUE(outcome->completions.empty()) << delay;
+    EXPECT_LE(outcome->errors.size(), 1u) << delay;
+    if (!outcome->errors.empty()) {
+      EXPECT_EQ(outcome->errors[0].domain, QVURLErrorDomain) << delay;
+    }
+    EXPECT_TRUE(noCopies()) << delay;
+    EXPECT_TRUE(manager_->handoffDocumentsInfo().empty()) << delay;
+  }
+}
+
 TEST_F(HandoffTest, ARecordRestartedWhileOldChunksArriveGetsOnlyTheNewCopy) {
   // Slow enough that the first download's chunks still arrive when the same record starts again.
   const QVData content = QVTestBytes(1024 * 1024, 3);
   const QVData cipher = QVHandoffAES256Data::encryptWithKeyData(content, key_).value();
-  QVSlowHTTPServer slow(fmt::format("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: {}\r\n"
-                                    "Last-Modified: {}\r\nX-Decoded-Content-Length: {}\r\n\r\n",
-                                    cipher.size(), QVFormatHTTPDate(std::chrono::system_clock::now()),
-                                    content.size()),
-                        cipher);
+  QVRawHTTPServer slow(answerHead(cipher.size(), content.size()) + std::string(cipher.begin(), cipher.end()),
+                       false, 8 * 1024);
   addPeer("Studio", key_, slow.port());
   const auto local = document("Doc.pdf", content);
   const auto record = remote(*local);
