@@ -22,47 +22,6 @@ void removeFileIgnoringFailure(const std::string& path) {
 
 } // namespace
 
-#define QV_TRANSFER_FIELD(Type, getter, setter, member)                                                      \
-  Type QVHandoffTransfer::getter() const {                                                                   \
-    const std::lock_guard lock(lock_);                                                                       \
-    return member;                                                                                           \
-  }                                                                                                          \
-  void QVHandoffTransfer::setter(Type value) {                                                               \
-    const std::lock_guard lock(lock_);                                                                       \
-    member = std::move(value);                                                                               \
-  }
-
-QV_TRANSFER_FIELD(std::shared_ptr<QVFileHandle>, fileHandle, setFileHandle, fileHandle_)
-QV_TRANSFER_FIELD(std::string, finalFilePath, setFinalFilePath, finalFilePath_)
-QV_TRANSFER_FIELD(std::string, tempFilePath, setTempFilePath, tempFilePath_)
-QV_TRANSFER_FIELD(std::shared_ptr<QVURLSessionDataTask>, fileTransferHTTPOperation,
-                  setFileTransferHTTPOperation, fileTransferHTTPOperation_)
-QV_TRANSFER_FIELD(QVHandoffTransfer::CompletionHandler, fileTransferCompletionHandler,
-                  setFileTransferCompletionHandler, fileTransferCompletionHandler_)
-QV_TRANSFER_FIELD(QVHandoffTransfer::ProgressHandler, fileTransferProgressHandler,
-                  setFileTransferProgressHandler, fileTransferProgressHandler_)
-QV_TRANSFER_FIELD(QVHandoffTransfer::ErrorHandler, fileTransferErrorHandler, setFileTransferErrorHandler,
-                  fileTransferErrorHandler_)
-QV_TRANSFER_FIELD(QVHandoffTransfer::InvalidationHandler, fileTransferInvalidationHandler,
-                  setFileTransferInvalidationHandler, fileTransferInvalidationHandler_)
-
-#undef QV_TRANSFER_FIELD
-
-float QVHandoffTransfer::notifiedProgress() const {
-  const std::lock_guard lock(lock_);
-  return notifiedProgress_;
-}
-
-double QVHandoffTransfer::notifiedProgressTime() const {
-  const std::lock_guard lock(lock_);
-  return notifiedProgressTime_;
-}
-
-uint64_t QVHandoffTransfer::fileDataSizeHandled() const {
-  const std::lock_guard lock(lock_);
-  return fileDataSizeHandled_;
-}
-
 void QVHandoffTransfer::handleFileTransferData(const uint8_t* bytes, size_t length, uint64_t fileSize) {
   float progress = 0;
   {

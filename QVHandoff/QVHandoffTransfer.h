@@ -27,25 +27,39 @@ public:
   virtual ~QVHandoffTransfer() = default;
 
   // Every accessor takes the lock: the data thread and the main thread both reach a transfer.
-  float notifiedProgress() const;
-  double notifiedProgressTime() const;
-  uint64_t fileDataSizeHandled() const;
-  std::shared_ptr<QVFileHandle> fileHandle() const;
-  void setFileHandle(std::shared_ptr<QVFileHandle> value);
-  std::string finalFilePath() const;
-  void setFinalFilePath(std::string value);
-  std::string tempFilePath() const;
-  void setTempFilePath(std::string value);
-  std::shared_ptr<QVURLSessionDataTask> fileTransferHTTPOperation() const;
-  void setFileTransferHTTPOperation(std::shared_ptr<QVURLSessionDataTask> value);
-  CompletionHandler fileTransferCompletionHandler() const;
-  void setFileTransferCompletionHandler(CompletionHandler value);
-  ProgressHandler fileTransferProgressHandler() const;
-  void setFileTransferProgressHandler(ProgressHandler value);
-  ErrorHandler fileTransferErrorHandler() const;
-  void setFileTransferErrorHandler(ErrorHandler value);
-  InvalidationHandler fileTransferInvalidationHandler() const;
-  void setFileTransferInvalidationHandler(InvalidationHandler value);
+  float notifiedProgress() const { return locked(notifiedProgress_); }
+  double notifiedProgressTime() const { return locked(notifiedProgressTime_); }
+  uint64_t fileDataSizeHandled() const { return locked(fileDataSizeHandled_); }
+  std::shared_ptr<QVFileHandle> fileHandle() const { return locked(fileHandle_); }
+  void setFileHandle(std::shared_ptr<QVFileHandle> value) { assign(fileHandle_, std::move(value)); }
+  std::string finalFilePath() const { return locked(finalFilePath_); }
+  void setFinalFilePath(std::string value) { assign(finalFilePath_, std::move(value)); }
+  std::string tempFilePath() const { return locked(tempFilePath_); }
+  void setTempFilePath(std::string value) { assign(tempFilePath_, std::move(value)); }
+  std::shared_ptr<QVURLSessionDataTask> fileTransferHTTPOperation() const {
+    return locked(fileTransferHTTPOperation_);
+  }
+  void setFileTransferHTTPOperation(std::shared_ptr<QVURLSessionDataTask> value) {
+    assign(fileTransferHTTPOperation_, std::move(value));
+  }
+  CompletionHandler fileTransferCompletionHandler() const { return locked(fileTransferCompletionHandler_); }
+  void setFileTransferCompletionHandler(CompletionHandler value) {
+    assign(fileTransferCompletionHandler_, std::move(value));
+  }
+  ProgressHandler fileTransferProgressHandler() const { return locked(fileTransferProgressHandler_); }
+  void setFileTransferProgressHandler(ProgressHandler value) {
+    assign(fileTransferProgressHandler_, std::move(value));
+  }
+  ErrorHandler fileTransferErrorHandler() const { return locked(fileTransferErrorHandler_); }
+  void setFileTransferErrorHandler(ErrorHandler value) {
+    assign(fileTransferErrorHandler_, std::move(value));
+  }
+  InvalidationHandler fileTransferInvalidationHandler() const {
+    return locked(fileTransferInvalidationHandler_);
+  }
+  void setFileTransferInvalidationHandler(InvalidationHandler value) {
+    assign(fileTransferInvalidationHandler_, std::move(value));
+  }
 
   // Written and counted against `fileSize` (the record's; 0 writes without counting).
   void handleFileTransferData(const uint8_t* bytes, size_t length, uint64_t fileSize);
@@ -56,6 +70,15 @@ public:
   void invalidateFile();
 
 private:
+  template <class T> T locked(const T& member) const {
+    const std::lock_guard lock(lock_);
+    return member;
+  }
+  template <class T> void assign(T& member, T value) {
+    const std::lock_guard lock(lock_);
+    member = std::move(value);
+  }
+
   // Re-entered when the invalidation callback or a host callback calls back in.
   mutable std::recursive_mutex lock_;
   float notifiedProgress_ = 0;
