@@ -1,9 +1,11 @@
 #pragma once
 // One document on either side of a handoff: open locally, listed by a peer, or a downloaded copy tagged
-// with its origin. While a download runs it also carries that transfer's state and the caller's callbacks.
+// with its origin. Its transfer accessors reach the transfer it runs now (QVHandoffTransfer).
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffTransfer.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -17,10 +19,10 @@ class QVURLSessionDataTask;
 
 class QVHandoffDocumentInfo : public std::enable_shared_from_this<QVHandoffDocumentInfo> {
 public:
-  using CompletionHandler = std::function<void(const std::string& filePath)>;
-  using ProgressHandler = std::function<void(float progress)>;
-  using ErrorHandler = std::function<void(const QVError& error)>;
-  using InvalidationHandler = std::function<void()>;
+  using CompletionHandler = QVHandoffTransfer::CompletionHandler;
+  using ProgressHandler = QVHandoffTransfer::ProgressHandler;
+  using ErrorHandler = QVHandoffTransfer::ErrorHandler;
+  using InvalidationHandler = QVHandoffTransfer::InvalidationHandler;
 
   static std::shared_ptr<QVHandoffDocumentInfo> make() { return std::make_shared<QVHandoffDocumentInfo>(); }
 
@@ -50,8 +52,9 @@ public:
   void setContentType(std::string value) { contentType_ = std::move(value); }
   const std::optional<QVDate>& fileModificationDate() const { return fileModificationDate_; }
   void setFileModificationDate(std::optional<QVDate> value) { fileModificationDate_ = value; }
-  uint64_t fileSize() const { return fileSize_; }
-  void setFileSize(uint64_t value) { fileSize_ = value; }
+  // Also read by the data thread, to measure progress.
+  uint64_t fileSize() const { return fileSize_.load(std::memory_order_relaxed); }
+  void setFileSize(uint64_t value) { fileSize_.store(value, std::memory_order_relaxed); }
   int64_t deviceType() const { return deviceType_; }
   void setDeviceType(int64_t value) { deviceType_ = value; }
   const std::string& productName() const { return productName_; }
@@ -69,55 +72,67 @@ public:
   std::shared_ptr<QVHandoffServerInfo> parentServerInfo() const { return parentServerInfo_.lock(); }
   void setParentServerInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
 
-  // Transfer state, driven by the download.
-  float notifiedProgress() const { return notifiedProgress_; }
-  double notifiedProgressTime() const { return notifiedProgressTime_; }
-  uint64_t fileDataSizeHandled() const { return fileDataSizeHandled_; }
-  const std::shared_ptr<QVFileHandle>& fileHandle() const { return fileHandle_; }
-  void setFileHandle(std::shared_ptr<QVFileHandle> value) { fileHandle_ = std::move(value); }
-  const std::string& finalFilePath() const { return finalFilePath_; }
-  void setFinalFilePath(std::string value) { finalFilePath_ = std::move(value); }
-  const std::string& tempFilePath() const { return tempFilePath_; }
-  void setTempFilePath(std::string value) { tempFilePath_ = std::move(value); }
-  const std::shared_ptr<QVURLSessionDataTask>& fileTransferHTTPOperation() const {
-    return fileTransferHTTPOperation_;
+  // The transfer this record runs now. Starting a transfer replaces it; whoever drives the older one keeps
+  // it, torn down, so that nothing of it reaches the new one.
+  std::shared_ptr<QVHandoffTransfer> fileTransfer() const;
+  void setFileTransfer(std::shared_ptr<QVHandoffTransfer> transfer);
+
+  // Transfer state: each forwards to the current transfer, under its lock.
+  float notifiedProgress() const { return fileTransfer()->notifiedProgress(); }
+  double notifiedProgressTime() const { return fileTransfer()->notifiedProgressTime(); }
+  uint64_t fileDataSizeHandled() const { return fileTransfer()->fileDataSizeHandled(); }
+  std::shared_ptr<QVFileHandle> fileHandle() const { return fileTransfer()->fileHandle(); }
+  void setFileHandle(std::shared_ptr<QVFileHandle> value) { fileTransfer()->setFileHandle(std::move(value)); }
+  std::string finalFilePath() const { return fileTransfer()->finalFilePath(); }
+  void setFinalFilePath(std::string value) { fileTransfer()->setFinalFilePath(std::move(value)); }
+  std::string tempFilePath() const { return fileTransfer()->tempFilePath(); }
+  void setTempFilePath(std::string value) { fileTransfer()->setTempFilePath(std::move(value)); }
+  std::shared_ptr<QVURLSessionDataTask> fileTransferHTTPOperation() const {
+    return fileTransfer()->fileTransferHTTPOperation();
   }
   void setFileTransferHTTPOperation(std::shared_ptr<QVURLSessionDataTask> value) {
-    fileTransferHTTPOperation_ = std::move(value);
+    fileTransfer()->setFileTransferHTTPOperation(std::move(value));
   }
   void setFileTransferCompletionHandler(CompletionHandler value) {
-    fileTransferCompletionHandler_ = std::move(value);
+    fileTransfer()->setFileTransferCompletionHandler(std::move(value));
   }
   void setFileTransferProgressHandler(ProgressHandler value) {
-    fileTransferProgressHandler_ = std::move(value);
+    fileTransfer()->setFileTransferProgressHandler(std::move(value));
   }
-  void setFileTransferErrorHandler(ErrorHandler value) { fileTransferErrorHandler_ = std::move(value); }
+  void setFileTransferErrorHandler(ErrorHandler value) {
+    fileTransfer()->setFileTransferErrorHandler(std::move(value));
+  }
   void setFileTransferInvalidationHandler(InvalidationHandler value) {
-    fileTransferInvalidationHandler_ = std::move(value);
+    fileTransfer()->setFileTransferInvalidationHandler(std::move(value));
   }
-  const CompletionHandler& fileTransferCompletionHandler() const { return fileTransferCompletionHandler_; }
-  const ProgressHandler& fileTransferProgressHandler() const { return fileTransferProgressHandler_; }
-  const ErrorHandler& fileTransferErrorHandler() const { return fileTransferErrorHandler_; }
-  const InvalidationHandler& fileTransferInvalidationHandler() const {
-    return fileTransferInvalidationHandler_;
+  CompletionHandler fileTransferCompletionHandler() const {
+    return fileTransfer()->fileTransferCompletionHandler();
+  }
+  ProgressHandler fileTransferProgressHandler() const {
+    return fileTransfer()->fileTransferProgressHandler();
+  }
+  ErrorHandler fileTransferErrorHandler() const { return fileTransfer()->fileTransferErrorHandler(); }
+  InvalidationHandler fileTransferInvalidationHandler() const {
+    return fileTransfer()->fileTransferInvalidationHandler();
   }
 
-  // Each decrypted chunk of the download, on the network thread.
-  void handleFileTransferData(const uint8_t* bytes, size_t length);
+  // Each decrypted chunk of the download.
+  void handleFileTransferData(const uint8_t* bytes, size_t length) {
+    fileTransfer()->handleFileTransferData(bytes, length, fileSize());
+  }
   void handleFileTransferData(const QVData& data) { handleFileTransferData(data.data(), data.size()); }
-  void handleFileTransferProgress(float progress);
-  void handleFileTransferCompletion(const std::string& filePath);
-  void handleFileTransferError(const QVError& error);
+  void handleFileTransferProgress(float progress) { fileTransfer()->handleFileTransferProgress(progress); }
+  void handleFileTransferCompletion(const std::string& filePath) {
+    fileTransfer()->handleFileTransferCompletion(filePath);
+  }
+  void handleFileTransferError(const QVError& error) { fileTransfer()->handleFileTransferError(error); }
   // Tears the transfer down: temporary file, counters, handle, request, callbacks; then the invalidation
   // callback, once.
-  void invalidateFileTransferRelatedData();
+  void invalidateFileTransferRelatedData() { fileTransfer()->invalidateFileTransferRelatedData(); }
   // Deletes the (partial) downloaded copy.
-  void invalidateFile();
+  void invalidateFile() { fileTransfer()->invalidateFile(); }
 
 private:
-  float notifiedProgress_ = 0;
-  double notifiedProgressTime_ = 0;
-  uint64_t fileDataSizeHandled_ = 0;
   std::string filePath_;
   uint64_t pageNumber_ = 0;
   QVPoint pdfPoint_;
@@ -125,22 +140,15 @@ private:
   std::string dropboxPath_;
   std::string contentType_;
   std::optional<QVDate> fileModificationDate_;
-  uint64_t fileSize_ = 0;
+  std::atomic<uint64_t> fileSize_ = 0;
   int64_t deviceType_ = 0;
   std::string productName_;
   std::string deviceName_;
   std::string saveBackFilePath_;
-  std::shared_ptr<QVFileHandle> fileHandle_;
-  std::string finalFilePath_;
-  std::string tempFilePath_;
   std::string remoteFilePath_;
   std::string remoteDeviceName_;
   std::weak_ptr<QVHandoffServerInfo> parentServerInfo_;
-  std::shared_ptr<QVURLSessionDataTask> fileTransferHTTPOperation_;
-  CompletionHandler fileTransferCompletionHandler_;
-  ProgressHandler fileTransferProgressHandler_;
-  ErrorHandler fileTransferErrorHandler_;
-  InvalidationHandler fileTransferInvalidationHandler_;
-  // Chunk writing and teardown never overlap; re-entered when the invalidation callback calls back in.
-  std::recursive_mutex lock_;
+  // Guards only which transfer is current; never held while the transfer runs code.
+  mutable std::mutex fileTransferLock_;
+  std::shared_ptr<QVHandoffTransfer> fileTransfer_ = std::make_shared<QVHandoffTransfer>();
 };

@@ -1,7 +1,5 @@
 #include "QVHandoff/QVHandoffManager.h"
 
-#include "Foundation/QVDateFormatting.h"
-#include "Foundation/QVFileHandle.h"
 #include "Foundation/QVFileOperations.h"
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMIMEType.h"
@@ -11,79 +9,37 @@
 #include "Foundation/QVUUID.h"
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 #include "Network/HTTPClient/QVHTTPURLResponse.h"
-#include "Network/HTTPClient/QVURLRequest.h"
-#include "QVHandoff/QVHandoffAES256Cryptor.h"
-#include "QVHandoff/QVHandoffAES256InputStream.h"
+#include "QVHandoff/QVHandoffDownload.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"
+#include "QVHandoff/QVHandoffRequests.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
+#include "QVHandoff/QVHandoffUpload.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
-#include <cctype>
-#include <cstring>
 #include <filesystem>
-#include <limits>
-#include <span>
-#include <string_view>
 
 QV_LOG_SOURCE("QVHandoff/QVHandoffManager")
+
+using namespace QVHandoffRequests;
 
 namespace {
 
 using DocumentInfoSet = QVHandoffManager::DocumentInfoSet;
 
-// The client hands a download on in pieces of a few KiB. Decrypted, they are gathered and written in
-// whole pages, a batch at a time: a page-cache write per piece costs more than decrypting it.
-constexpr size_t kDownloadBatchSize = 128 * 1024;
-constexpr size_t kPageSize = 4096;
-
-struct DecryptedBatch {
-  QVData bytes;
-  size_t length = 0;
-};
-
-// Decrypts one piece onto the end of the batch (growing it only for a piece larger than the client's own).
-std::optional<size_t> decryptIntoBatch(QVHandoffAES256Cryptor& decryptor, std::span<const uint8_t> piece,
-                                       DecryptedBatch& batch) {
-  // A piece of n bytes gives at most n + 16 (the block held back from the last one); the cipher wants a
-  // block of room beyond that, so nothing ever spills into `overflow`.
-  const size_t room = piece.size() + 2 * QVHandoffAES256Cryptor::kBlockSize;
-  if (batch.bytes.size() < batch.length + room)
-    batch.bytes.resize(std::max(batch.length, kDownloadBatchSize) + room);
-  QVData overflow;
-  const auto length = decryptor.updateWithData(
-      piece.data(), piece.size(), std::span(batch.bytes).subspan(batch.length), overflow);
-  if (length) batch.length += *length;
-  return length;
-}
-
-// Writes the batch's whole pages once it is full, or all of it at the end.
-void handOnBatch(DecryptedBatch& batch, QVHandoffDocumentInfo& documentInfo, bool all) {
-  if (!all && batch.length < kDownloadBatchSize) return;
-  const size_t length = all ? batch.length : batch.length / kPageSize * kPageSize;
-  documentInfo.handleFileTransferData(batch.bytes.data(), length);
-  std::memmove(batch.bytes.data(), batch.bytes.data() + length, batch.length - length);
-  batch.length -= length;
-}
-
-bool isCancellation(const std::optional<QVError>& error) {
-  return error && error->domain == QVURLErrorDomain && error->code == QVURLError::Cancelled;
-}
-
-// Ends whatever transfer the record still had, hands it the caller's callbacks and enters it in `set`,
-// which it leaves whenever its transfer state is torn down. The manager is kept alive by that handler,
-// the record is not.
+// Ends whatever transfer the record still had, silently, and makes `transfer` its current one with the
+// caller's callbacks; the record enters `set` and leaves it whenever that transfer is torn down. The
+// manager is kept alive by that handler, the record is not.
 void beginTransfer(std::shared_ptr<QVHandoffManager> manager, std::mutex& mutex, DocumentInfoSet& set,
                    const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
+                   const std::shared_ptr<QVHandoffTransfer>& transfer,
                    QVHandoffManager::ProgressHandler progressHandler,
                    QVHandoffManager::CompletionHandler completionHandler,
                    QVHandoffManager::ErrorHandler errorHandler) {
   documentInfo->invalidateFileTransferRelatedData();
-  documentInfo->setFileTransferCompletionHandler(std::move(completionHandler));
-  documentInfo->setFileTransferProgressHandler(std::move(progressHandler));
-  documentInfo->setFileTransferErrorHandler(std::move(errorHandler));
-  documentInfo->setFileTransferInvalidationHandler(
+  documentInfo->setFileTransfer(transfer);
+  transfer->setFileTransferCompletionHandler(std::move(completionHandler));
+  transfer->setFileTransferProgressHandler(std::move(progressHandler));
+  transfer->setFileTransferErrorHandler(std::move(errorHandler));
+  transfer->setFileTransferInvalidationHandler(
       [manager = std::move(manager), &mutex, &set,
        weakDocumentInfo = std::weak_ptr<QVHandoffDocumentInfo>(documentInfo)] {
         const auto documentInfo = weakDocumentInfo.lock();
@@ -95,6 +51,17 @@ void beginTransfer(std::shared_ptr<QVHandoffManager> manager, std::mutex& mutex,
   set.insert(documentInfo);
 }
 
+// The record's current transfer as a `Transfer`; a new one when it runs none of that kind (an operation
+// called without its start).
+template <class Transfer>
+std::shared_ptr<Transfer> currentTransfer(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
+                                          auto... arguments) {
+  if (auto transfer = std::dynamic_pointer_cast<Transfer>(documentInfo->fileTransfer())) return transfer;
+  auto transfer = std::make_shared<Transfer>(arguments...);
+  documentInfo->setFileTransfer(transfer);
+  return transfer;
+}
+
 // The record of the set that stands for the same document (path and device name).
 std::shared_ptr<QVHandoffDocumentInfo> transferInFlight(std::mutex& mutex, const DocumentInfoSet& set,
                                                         const QVHandoffDocumentInfo& documentInfo) {
@@ -102,79 +69,12 @@ std::shared_ptr<QVHandoffDocumentInfo> transferInFlight(std::mutex& mutex, const
   return QVHandoffManager::documentInfo(documentInfo, set);
 }
 
-// Leading white space skipped, digits up to the first other character; a number too large saturates.
-std::optional<uint64_t> scanUnsignedLongLong(std::string_view text) {
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front())))
-    text.remove_prefix(1);
-  if (text.empty() || !std::isdigit(static_cast<unsigned char>(text.front()))) return std::nullopt;
-  uint64_t value = 0;
-  for (const char c : text) {
-    if (!std::isdigit(static_cast<unsigned char>(c))) break;
-    const uint64_t digit = static_cast<uint64_t>(c - '0');
-    if (value > (std::numeric_limits<uint64_t>::max() - digit) / 10)
-      return std::numeric_limits<uint64_t>::max();
-    value = value * 10 + digit;
-  }
-  return value;
-}
-
-// What a URL path or fragment may hold, and "#": slash, "?", "&", "=", ":" and "#" stay as they are, so a
-// value holding "&" or "#" breaks the query; peers have always read it this way.
-std::string percentEncodedQueryValue(std::string_view text) {
-  static constexpr std::string_view kAllowed = "!$&'()*+,-./:;=?@_~#";
-  std::string encoded;
-  encoded.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x80 && (std::isalnum(byte) || kAllowed.find(c) != std::string_view::npos)) {
-      encoded += c;
-    } else {
-      encoded += fmt::format("%{:02X}", byte);
-    }
-  }
-  return encoded;
-}
-
-// "{12.5, 30}": each coordinate in its shortest form.
-std::string pointText(QVPoint point) {
-  return fmt::format("{{{}, {}}}", point.x, point.y);
-}
-
 std::string temporaryFilePath() {
   return (std::filesystem::path(QVTemporaryDirectory()) / QVUUIDString()).string();
 }
 
-std::string dateText(const std::optional<QVDate>& date) {
-  return date ? QVHandoffMessageCodec::dateFormatter().stringFromDate(*date) : std::string();
-}
-
-// A POST of an encrypted JSON message to one of the peer's endpoints; none when it cannot be encrypted.
-std::optional<QVURLRequest> JSONRequest(const QVHandoffServerInfo& serverInfo, const char* path,
-                                        const nlohmann::json& object) {
-  auto body = serverInfo.AES256EncryptedDataWithJSONObject(object);
-  if (!body) return std::nullopt;
-  QVURLRequest request(serverInfo.HTTPAddress() + path, "POST");
-  request.setHTTPBody(std::move(*body));
-  QVHandoffManager::setContentType(QVHandoffJSONContentType, request);
-  return request;
-}
-
 bool isResolved(const std::shared_ptr<QVHandoffServerInfo>& serverInfo) {
   return serverInfo && !serverInfo->HTTPAddress().empty();
-}
-
-uint64_t unsignedValue(const nlohmann::json& object, const char* key) {
-  const auto found = object.find(key);
-  if (found == object.end()) return 0;
-  if (found->is_number_unsigned()) return found->get<uint64_t>();
-  if (found->is_number_integer()) return static_cast<uint64_t>(found->get<int64_t>());
-  if (found->is_number_float()) return static_cast<uint64_t>(found->get<double>());
-  return 0;
-}
-
-std::string stringValue(const nlohmann::json& object, const char* key) {
-  const auto found = object.find(key);
-  return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
 } // namespace
@@ -190,117 +90,54 @@ void QVHandoffManager::handoffRemoteDocumentWithInfo(
     return;
   }
   beginTransfer(weak_from_this().lock(), transfersMutex_, handoffDocumentsInfo_, documentInfo,
-                std::move(progressHandler), std::move(completionHandler), std::move(errorHandler));
+                std::make_shared<QVHandoffDownload>(documentInfo), std::move(progressHandler),
+                std::move(completionHandler), std::move(errorHandler));
   performHandoffRemoteDocumentHTTPRequestForDocumentInfo(documentInfo);
 }
 
 void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
     const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) {
+  QV_ASSERT_MAIN_THREAD();
+  const auto download = currentTransfer<QVHandoffDownload>(documentInfo, documentInfo);
   const auto serverInfo = identifyServerInfoForDocumentInfo(*documentInfo);
   if (!isResolved(serverInfo)) {
     QV_LOG_INFO("Server HTTP address is unresolved");
-    documentInfo->handleFileTransferError(internalError());
+    download->handleFileTransferError(internalError());
     return;
   }
   auto request = JSONRequest(*serverInfo, QVHandoffHandoffDocumentRequestPath,
                              {{QVHandoffHandoffDocumentFilePathKey, documentInfo->filePath()}});
   if (!request) {
     QV_LOG_ERROR("Couldn't encrypt handoff remote document request data");
-    documentInfo->handleFileTransferError(internalError());
+    download->handleFileTransferError(internalError());
     return;
   }
-  // Shared by the data callback and the completion, which runs after the last chunk and writes what the
-  // batch still holds.
-  const std::shared_ptr<QVHandoffAES256Cryptor> decryptor =
-      QVHandoffAES256Cryptor::decryptorWithKeyData(serverInfo->AES256Key());
-  const auto batch = std::make_shared<DecryptedBatch>();
-
   const std::string targetPath =
       QVGenerateMacStyleUniquePath(handoffFilePathForDocumentWithInfo(*documentInfo), 0);
-  // Not checked: chunks then go nowhere and the tagging reports the missing file.
-  documentInfo->setFileHandle(QVFileHandle::forCreatingAtPath(targetPath));
-  documentInfo->setFinalFilePath(targetPath);
-
-  auto& session = HTTPSessionManager();
-  // Streamed: the document only ever passes through the data callback, never whole in memory.
-  const auto task = session.dataTaskWithRequest(
-      *request,
-      [this, manager = weak_from_this().lock(), serverInfo, documentInfo, decryptor, batch,
-       targetPath](std::shared_ptr<const QVHTTPURLResponse> response, std::optional<QVData>,
-                   std::optional<QVError> error) {
-        if (isCancellation(error)) return;
-        if (error) {
-          QV_LOG_ERROR("Handoff remote document request error {}", error->description());
-          handleResponseError(*error, serverInfo);
-          documentInfo->handleFileTransferError(*error);
-          return;
-        }
-        const auto lastData = decryptor ? decryptor->finish() : std::nullopt;
-        if (!lastData) {
-          QV_LOG_ERROR("Handoff remote document request decryption finish error");
-          documentInfo->handleFileTransferError(internalError());
-          return;
-        }
-        handOnBatch(*batch, *documentInfo, true);
-        documentInfo->handleFileTransferData(*lastData);
-
-        const auto lastModified =
-            response ? response->valueForHTTPHeaderField(QVHandoffLastModifiedHeader) : std::nullopt;
-        const auto modificationDate = lastModified ? QVParseHTTPDate(*lastModified) : std::nullopt;
-        if (!modificationDate) {
-          QV_LOG_ERROR("Handoff remote document request failed to get new file modification date.");
-          documentInfo->handleFileTransferError(internalError());
-          return;
-        }
-        documentInfo->setFileModificationDate(modificationDate);
-
-        const auto decodedLength =
-            response ? response->valueForHTTPHeaderField(QVHandoffDecodedContentLengthHeader) : std::nullopt;
-        const auto fileSize = decodedLength ? scanUnsignedLongLong(*decodedLength) : std::nullopt;
-        if (!fileSize) {
-          QV_LOG_ERROR("Handoff remote document request failed to get new file size.");
-          documentInfo->handleFileTransferError(internalError());
-          return;
-        }
-        documentInfo->setFileSize(*fileSize);
-
-        if (!documentInfo->fileTransferred()) {
-          QV_LOG_ERROR("Handoff remote document request file transfer incomplete");
-          documentInfo->handleFileTransferError(internalError());
-          return;
-        }
-        if (const auto updated = updatedRemoteDocumentInfo(documentInfo);
-            updated && updated != documentInfo) {
-          updated->setFileSize(documentInfo->fileSize());
-          updated->setFileModificationDate(documentInfo->fileModificationDate());
-        }
-        addDocumentInfo(*documentInfo, targetPath);
-        documentInfo->handleFileTransferCompletion(targetPath);
-      },
-      QVURLSessionDataTask::BodyDelivery::Streamed);
-
-  // One slot for the whole session: this download takes it over, and an older one still running stops
-  // receiving chunks and ends as incomplete.
-  session.setDataTaskDidReceiveDataBlock(
-      [taskIdentifier = task->taskIdentifier(), decryptor, batch,
-       weakDocumentInfo = std::weak_ptr(documentInfo)](QVHTTPSessionManager&,
-                                                       const std::shared_ptr<QVURLSessionDataTask>& chunkTask,
-                                                       std::span<const uint8_t> data) {
-        if (chunkTask->taskIdentifier() != taskIdentifier) return;
-        // Torn down already (cancelled, failed): nothing more to decrypt or write.
-        if (chunkTask->state() == QVURLSessionDataTask::State::Canceling) return;
-        const auto documentInfo = weakDocumentInfo.lock();
-        if (!documentInfo) return;
-        if (!decryptor || !decryptIntoBatch(*decryptor, data, *batch)) {
-          QV_LOG_ERROR("Handoff remote document request decryption update error");
-          documentInfo->handleFileTransferError(internalError());
-          return;
-        }
-        handOnBatch(*batch, *documentInfo, false);
-      });
-
-  documentInfo->setFileTransferHTTPOperation(task);
-  task->resume();
+  // Reaches the download itself, not the record: a record restarted meanwhile is not this download's.
+  download->start(HTTPSessionManager(), *request, serverInfo->AES256Key(), targetPath,
+                  [this, manager = weak_from_this().lock(), serverInfo, documentInfo, download,
+                   targetPath](std::shared_ptr<const QVHTTPURLResponse> response, std::optional<QVData>,
+                               std::optional<QVError> error) {
+                    if (isCancellation(error)) return;
+                    if (error) {
+                      QV_LOG_ERROR("Handoff remote document request error {}", error->description());
+                      handleResponseError(*error, serverInfo);
+                      download->handleFileTransferError(*error);
+                      return;
+                    }
+                    if (!download->finish(response.get(), *documentInfo)) {
+                      download->handleFileTransferError(internalError());
+                      return;
+                    }
+                    if (const auto updated = updatedRemoteDocumentInfo(documentInfo);
+                        updated && updated != documentInfo) {
+                      updated->setFileSize(documentInfo->fileSize());
+                      updated->setFileModificationDate(documentInfo->fileModificationDate());
+                    }
+                    addDocumentInfo(*documentInfo, targetPath);
+                    download->handleFileTransferCompletion(targetPath);
+                  });
 }
 
 void QVHandoffManager::cancelHandoffRemoteDocumentWithInfo(
@@ -310,8 +147,10 @@ void QVHandoffManager::cancelHandoffRemoteDocumentWithInfo(
   const auto found = transferInFlight(transfersMutex_, handoffDocumentsInfo_, *documentInfo);
   if (!found) return;
   QV_LOG_INFO("Cancel handoff for document {}", found->description());
-  found->invalidateFileTransferRelatedData();
-  found->invalidateFile();
+  // One transfer for both steps, even if the record starts another in between.
+  const auto transfer = found->fileTransfer();
+  transfer->invalidateFileTransferRelatedData();
+  transfer->invalidateFile();
 }
 
 // MARK: Save back of a handed-off document
@@ -332,27 +171,23 @@ void QVHandoffManager::saveBackFileAtPath(const std::string& path,
   }
   documentInfo->setSaveBackFilePath(path);
   beginTransfer(weak_from_this().lock(), transfersMutex_, saveBackDocumentsInfo_, documentInfo,
-                std::move(progressHandler), std::move(completionHandler), std::move(errorHandler));
+                std::make_shared<QVHandoffUpload>(), std::move(progressHandler), std::move(completionHandler),
+                std::move(errorHandler));
   performSaveBackHTTPRequestForDocumentWithInfo(documentInfo);
 }
 
 void QVHandoffManager::performSaveBackHTTPRequestForDocumentWithInfo(
     const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) {
+  QV_ASSERT_MAIN_THREAD();
+  const auto upload = currentTransfer<QVHandoffUpload>(documentInfo);
   const auto serverInfo = identifyServerInfoForDocumentInfo(*documentInfo);
   if (!isResolved(serverInfo)) {
     QV_LOG_INFO("Server HTTP address is unresolved");
-    documentInfo->handleFileTransferError(internalError());
+    upload->handleFileTransferError(internalError());
     return;
   }
-  // The size and date of the version that was handed off: the origin compares them with its own.
-  const std::string URL = fmt::format(
-      "{}{}?{}={}&{}={}&{}={}&{}={}&{}={}", serverInfo->HTTPAddress(), QVHandoffSaveBackRequestPath,
-      QVHandoffSaveBackPathQueryKey, percentEncodedQueryValue(documentInfo->filePath()),
-      QVHandoffSaveBackSizeQueryKey, documentInfo->fileSize(), QVHandoffSaveBackModificationDateQueryKey,
-      percentEncodedQueryValue(dateText(documentInfo->fileModificationDate())),
-      QVHandoffSaveBackPageNumberQueryKey, documentInfo->pageNumber(), QVHandoffSaveBackPDFPointQueryKey,
-      percentEncodedQueryValue(pointText(documentInfo->pdfPoint())));
-  documentInfo->setTempFilePath(temporaryFilePath());
+  const std::string URL = QVHandoffUpload::saveBackURL(*serverInfo, *documentInfo);
+  upload->setTempFilePath(temporaryFilePath());
 
   const std::string saveBackFilePath = documentInfo->saveBackFilePath();
   QVNotificationCenter::defaultCenter().post(QVHandoffManagerWillSaveBackLocalDocumentNotification, this,
@@ -360,60 +195,36 @@ void QVHandoffManager::performSaveBackHTTPRequestForDocumentWithInfo(
   // The upload reads a private copy, so the host may go on saving the document meanwhile.
   QVError copyError;
   const auto copyFile = copyFileBlock();
-  if (!copyFile || !copyFile(saveBackFilePath, documentInfo->tempFilePath(), &copyError)) {
+  if (!copyFile || !copyFile(saveBackFilePath, upload->tempFilePath(), &copyError)) {
     QV_LOG_ERROR("Couldn't copy file for save back operation. Error: {}", copyError.description());
-    documentInfo->handleFileTransferError(internalError());
+    upload->handleFileTransferError(internalError());
     return;
   }
-
-  const auto stream =
-      QVHandoffAES256InputStream::streamForFileAtPath(documentInfo->tempFilePath(), serverInfo->AES256Key());
-  stream->setProgressHandler([weakDocumentInfo = std::weak_ptr(documentInfo)](float progress) {
-    if (const auto documentInfo = weakDocumentInfo.lock()) documentInfo->handleFileTransferProgress(progress);
-  });
-  stream->open();
-
-  QVURLRequest request(URL, "POST");
-  request.setHTTPBodyStream([stream](uint8_t* buffer, size_t capacity) {
-    return static_cast<size_t>(stream->read(buffer, capacity));
-  });
-  setContentType(QVMIMETypeForPath(saveBackFilePath), request);
-
-  const auto task = HTTPSessionManager().dataTaskWithRequest(
-      request, [this, manager = weak_from_this().lock(), serverInfo, documentInfo,
-                stream](std::shared_ptr<const QVHTTPURLResponse>, std::optional<QVData> body,
-                        std::optional<QVError> error) {
-        // No progress after the end, and the copy's handle goes now rather than with the task.
-        stream->close();
-        if (isCancellation(error)) return;
-        if (error) {
-          QV_LOG_ERROR("Save back file request error {}", error->description());
-          handleResponseError(*error, serverInfo);
-          documentInfo->handleFileTransferError(*error);
-          return;
-        }
-        const auto object = serverInfo->JSONObjectWithAES256EncryptedData(body.value_or(QVData{}));
-        if (!object || !object->is_object()) {
-          QV_LOG_ERROR("Couldn't decrypt save back file response data");
-          documentInfo->handleFileTransferError(internalError());
-          return;
-        }
-        documentInfo->setFilePath(stringValue(*object, "filePath"));
-        documentInfo->setFileSize(unsignedValue(*object, "fileSize"));
-        documentInfo->setFileModificationDate(QVHandoffMessageCodec::dateFormatter().dateFromString(
-            stringValue(*object, "fileModificationDate")));
-
-        // The next save back of this copy must carry the origin's new size and date.
-        auto updated = updatedRemoteDocumentInfo(documentInfo);
-        if (!updated) updated = documentInfo;
-        updated->setFileSize(documentInfo->fileSize());
-        updated->setFileModificationDate(documentInfo->fileModificationDate());
-        const std::string saveBackFilePath = documentInfo->saveBackFilePath();
-        addDocumentInfo(*updated, saveBackFilePath);
-        documentInfo->handleFileTransferCompletion(saveBackFilePath);
-      });
-  documentInfo->setFileTransferHTTPOperation(task);
-  task->resume();
+  upload->start(HTTPSessionManager(), URL, serverInfo->AES256Key(), QVMIMETypeForPath(saveBackFilePath),
+                [this, manager = weak_from_this().lock(), serverInfo, documentInfo,
+                 upload](std::shared_ptr<const QVHTTPURLResponse>, std::optional<QVData> body,
+                         std::optional<QVError> error) {
+                  upload->closeStream();
+                  if (isCancellation(error)) return;
+                  if (error) {
+                    QV_LOG_ERROR("Save back file request error {}", error->description());
+                    handleResponseError(*error, serverInfo);
+                    upload->handleFileTransferError(*error);
+                    return;
+                  }
+                  if (!QVHandoffUpload::takeAnswer(body.value_or(QVData{}), *serverInfo, *documentInfo)) {
+                    upload->handleFileTransferError(internalError());
+                    return;
+                  }
+                  // The next save back of this copy must carry the origin's new size and date.
+                  auto updated = updatedRemoteDocumentInfo(documentInfo);
+                  if (!updated) updated = documentInfo;
+                  updated->setFileSize(documentInfo->fileSize());
+                  updated->setFileModificationDate(documentInfo->fileModificationDate());
+                  const std::string saveBackFilePath = documentInfo->saveBackFilePath();
+                  addDocumentInfo(*updated, saveBackFilePath);
+                  upload->handleFileTransferCompletion(saveBackFilePath);
+                });
 }
 
 void QVHandoffManager::cancelSaveBackDocumentWithInfo(
@@ -464,6 +275,7 @@ void QVHandoffManager::markAsModifiedFileAtPath(
 
 void QVHandoffManager::performMarkAsModifiedFileHTTPRequestForDocumentInfo(
     const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) {
+  QV_ASSERT_MAIN_THREAD();
   const auto serverInfo = identifyServerInfoForDocumentInfo(*documentInfo);
   if (!isResolved(serverInfo)) {
     QV_LOG_INFO("Server HTTP address is unresolved");
@@ -525,6 +337,7 @@ bool QVHandoffManager::forceRemoteSaveBackForLocalFileAtPath(const std::string& 
 
 bool QVHandoffManager::performForceRemoteSaveBackFileHTTPRequestForDocumentInfo(
     const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) {
+  QV_ASSERT_MAIN_THREAD();
   // The peer is the device holding the modified copy, not the one the document came from.
   const auto serverInfo = serverInfoForDeviceName(documentInfo->remoteDeviceName());
   if (!isResolved(serverInfo)) {

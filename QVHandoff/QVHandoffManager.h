@@ -224,7 +224,8 @@ public:
   bool forceRemoteSaveBackForLocalFileAtPath(const std::string& path);
   bool performForceRemoteSaveBackFileHTTPRequestForDocumentInfo(
       const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo);
-  // Records with a download / an upload in flight; touched from transfer callbacks.
+  // Records with a download / an upload in flight (copies of the sets); each record's running transfer is
+  // a QVHandoffDownload or QVHandoffUpload, reached through fileTransfer().
   DocumentInfoSet handoffDocumentsInfo() const;
   DocumentInfoSet saveBackDocumentsInfo() const;
 
@@ -297,7 +298,8 @@ private:
   std::atomic<bool> serviceStarted_ = false;
   QVNotificationObservation accountStateObservation_;
 
-  // Transfers in flight.
+  // Records with a transfer in flight. A record leaves its set from its transfer's teardown, which may run
+  // on the client's data thread (a chunk that fails), hence the lock; each transfer's own state is its own.
   mutable std::mutex transfersMutex_;
   DocumentInfoSet handoffDocumentsInfo_;
   DocumentInfoSet saveBackDocumentsInfo_;

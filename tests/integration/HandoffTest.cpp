@@ -1,5 +1,6 @@
 #include "Foundation/QVDateFormatting.h"
 #include "Foundation/QVFileOperations.h"
+#include "Foundation/QVMainQueue.h"
 #include "QVHandoff/QVHandoffAES256Data.h"
 #include "QVHandoffServerFixture.h"
 
@@ -17,6 +18,12 @@ protected:
     EXPECT_EQ(outcome.errors[0], (QVError{domain, code, {}}));
     EXPECT_TRUE(noCopies());
     EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
+  }
+  // What the real server sends before an encrypted body of `length` bytes.
+  static std::string answerHead(size_t length, size_t decodedLength) {
+    return fmt::format("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: {}\r\nLast-Modified: {}\r\n"
+                       "X-Decoded-Content-Length: {}\r\n\r\n",
+                       length, QVFormatHTTPDate(std::chrono::system_clock::now()), decodedLength);
   }
   bool noCopies() const {
     std::error_code missing;
@@ -231,6 +238,65 @@ TEST_F(HandoffTest, CancelIsSilentAndANewerDownloadTakesTheChunksOver) {
   EXPECT_TRUE(QVReadFile(newer->completions[0]) == content);
   EXPECT_EQ(std::filesystem::path(newer->completions[0]).filename(), "Second.pdf");
   EXPECT_FALSE(std::filesystem::exists(manager_->handoffDirectoryPath() + "/Studio" + first->filePath()));
+}
+
+TEST_F(HandoffTest, ACancelMeetingABodyCutPartWayEndsTheDownloadOnceAndLeavesNoCopy) {
+  const QVData content = QVTestBytes(1024 * 1024, 4);
+  const QVData cipher = QVHandoffAES256Data::encryptWithKeyData(content, key_).value();
+  // Announces the whole body, sends a bit more than half of it, slowly, and hangs up.
+  QVRawHTTPServer cut(answerHead(cipher.size(), content.size()) +
+                          std::string(cipher.begin(), cipher.begin() + 600 * 1024),
+                      false, 8 * 1024);
+  addPeer("Studio", key_, cut.port());
+  const auto local = document("Doc.pdf", content);
+  // The cancel lands before, at or after the failure, on the main thread while chunks and the failure come
+  // from the client's thread; whichever ends the download first, it ends once.
+  for (const int delay : {0, 40, 70, 75, 80, 90, 120}) {
+    const auto record = remote(*local);
+    const auto outcome = handoff(record);
+    QVMainQueue::main().postAfter(std::chrono::milliseconds(delay),
+                                  [&] { manager_->cancelHandoffRemoteDocumentWithInfo(record); });
+    QVRunMainQueueUntil([&] { return outcome->ended(); }, std::chrono::milliseconds(400));
+    settle();
+    EXPECT_TRUE(outcome->completions.empty()) << delay;
+    EXPECT_LE(outcome->errors.size(), 1u) << delay;
+    if (!outcome->errors.empty()) {
+      EXPECT_EQ(outcome->errors[0].domain, QVURLErrorDomain) << delay;
+    }
+    EXPECT_TRUE(noCopies()) << delay;
+    EXPECT_TRUE(manager_->handoffDocumentsInfo().empty()) << delay;
+  }
+}
+
+TEST_F(HandoffTest, ARecordRestartedWhileOldChunksArriveGetsOnlyTheNewCopy) {
+  // Slow enough that the first download's chunks still arrive when the same record starts again.
+  const QVData content = QVTestBytes(1024 * 1024, 3);
+  const QVData cipher = QVHandoffAES256Data::encryptWithKeyData(content, key_).value();
+  QVRawHTTPServer slow(answerHead(cipher.size(), content.size()) + std::string(cipher.begin(), cipher.end()),
+                       false, 8 * 1024);
+  addPeer("Studio", key_, slow.port());
+  const auto local = document("Doc.pdf", content);
+  const auto record = remote(*local);
+
+  std::shared_ptr<QVTransferOutcome> second;
+  const auto first = handoff(record, [&] {
+    if (second) return;
+    // Cancel and restart at once, on the record whose first download is mid-body.
+    manager_->cancelHandoffRemoteDocumentWithInfo(record);
+    second = handoff(record);
+  });
+  ASSERT_TRUE(QVRunMainQueueUntil([&] { return second && second->ended(); }, std::chrono::seconds(60)));
+  settle();
+  EXPECT_FALSE(first->ended()) << "a cancelled download ends silently";
+  ASSERT_EQ(second->completions.size(), 1u);
+  EXPECT_TRUE(second->errors.empty());
+  const std::string path = second->completions[0];
+  EXPECT_EQ(path, manager_->handoffDirectoryPath() + "/Studio" + local->filePath());
+  EXPECT_TRUE(QVReadFile(path) == content) << "no byte of the first download in the second copy";
+  const auto files = std::filesystem::recursive_directory_iterator(manager_->handoffDirectoryPath());
+  EXPECT_EQ(
+      std::count_if(begin(files), end(files), [](const auto& entry) { return entry.is_regular_file(); }), 1);
+  EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
 }
 
 } // namespace

@@ -20,7 +20,7 @@ void QVHangUpMidUpload(uint16_t port, const std::string& path, const QVData& bod
   close(fd);
 }
 
-QVRawHTTPServer::QVRawHTTPServer(std::string reply, bool hold) {
+QVRawHTTPServer::QVRawHTTPServer(std::string reply, bool hold, size_t piece) {
   listener_ = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t length = sizeof address;
@@ -28,7 +28,7 @@ QVRawHTTPServer::QVRawHTTPServer(std::string reply, bool hold) {
   listen(listener_, 4);
   getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
   port_ = ntohs(address.sin_port);
-  thread_ = std::thread([this, reply = std::move(reply), hold] { serve(reply, hold); });
+  thread_ = std::thread([this, reply = std::move(reply), hold, piece] { serve(reply, hold, piece); });
 }
 
 QVRawHTTPServer::~QVRawHTTPServer() {
@@ -54,7 +54,18 @@ bool QVRawHTTPServer::readable(int fd) const {
   return false;
 }
 
-void QVRawHTTPServer::serve(const std::string& reply, bool hold) {
+bool QVRawHTTPServer::send(int connection, const std::string& reply, size_t piece) const {
+  if (piece == 0) return ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL) >= 0;
+  for (size_t offset = 0; offset < reply.size() && !stop_; offset += piece) {
+    const size_t length = std::min(piece, reply.size() - offset);
+    if (::send(connection, reply.data() + offset, length, MSG_NOSIGNAL) != static_cast<ssize_t>(length))
+      return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+void QVRawHTTPServer::serve(const std::string& reply, bool hold, size_t piece) {
   while (readable(listener_)) {
     const int connection = accept(listener_, nullptr, nullptr);
     // The whole request first, so that hanging up never resets the connection under the answer.
@@ -73,7 +84,7 @@ void QVRawHTTPServer::serve(const std::string& reply, bool hold) {
       request_ = request;
     }
     ++requests;
-    if (send(connection, reply.data(), reply.size(), MSG_NOSIGNAL) >= 0 && hold) {
+    if (send(connection, reply, piece) && hold) {
       while (readable(connection) && recv(connection, buffer, sizeof buffer, 0) > 0) {
       }
     }

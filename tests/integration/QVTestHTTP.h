@@ -14,10 +14,11 @@
 void QVHangUpMidUpload(uint16_t port, const std::string& path, const QVData& body, size_t length);
 
 // Answers every connection with the same bytes: reads the request (its body by "Content-Length"), writes
-// `reply`, then hangs up or, with `hold`, waits until the client leaves. Every wait ends after 30 s.
+// `reply`, then hangs up or, with `hold`, waits until the client leaves. Every wait ends after 30 s. With a
+// `piece` size the reply goes out that many bytes at a time with a pause between, until the client leaves.
 class QVRawHTTPServer {
 public:
-  explicit QVRawHTTPServer(std::string reply, bool hold = false);
+  explicit QVRawHTTPServer(std::string reply, bool hold = false, size_t piece = 0);
   ~QVRawHTTPServer();
   uint16_t port() const { return port_; }
   std::string URL(const std::string& path = "/") const;
@@ -27,7 +28,8 @@ public:
 
 private:
   bool readable(int fd) const;
-  void serve(const std::string& reply, bool hold);
+  void serve(const std::string& reply, bool hold, size_t piece);
+  bool send(int connection, const std::string& reply, size_t piece) const;
 
   int listener_ = -1;
   uint16_t port_ = 0;

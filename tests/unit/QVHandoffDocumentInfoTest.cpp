@@ -196,3 +196,60 @@ TEST_F(QVHandoffDocumentInfoTest, TeardownWhileProgressWaitsForTheMainThreadStay
   EXPECT_EQ(progresses.size(), 1u);
   EXPECT_EQ(invalidations, 1);
 }
+
+TEST_F(QVHandoffDocumentInfoTest, ARestartedTransferTakesNothingOfTheOldOne) {
+  const auto info = transferring(100);
+  const auto old = info->fileTransfer();
+  old->invalidateFileTransferRelatedData();
+  EXPECT_EQ(invalidations, 1);
+  info->setFileTransfer(std::make_shared<QVHandoffTransfer>());
+  QVWriteFile(folder.file("second.pdf"), {});
+  info->setFileHandle(QVFileHandle::forWritingAtPath(folder.file("second.pdf")));
+  info->setFinalFilePath(folder.file("second.pdf"));
+
+  // A late chunk and a late failure of the old request, on the network thread.
+  onNetworkThread([&] {
+    old->handleFileTransferData(QVTestBytes(60).data(), 60, info->fileSize());
+    old->handleFileTransferError(QVError{"com.quorvel.qvhandoff", 0, {}});
+  });
+  EXPECT_TRUE(QVReadFile(folder.file("second.pdf")).empty());
+  EXPECT_EQ(info->fileDataSizeHandled(), 0u);
+  EXPECT_EQ(info->finalFilePath(), folder.file("second.pdf"));
+  EXPECT_TRUE(errors.empty()) << "the old transfer's callbacks went with its teardown";
+
+  info->handleFileTransferData(QVTestBytes(100));
+  EXPECT_EQ(QVReadFile(folder.file("second.pdf")), QVTestBytes(100));
+  EXPECT_TRUE(info->fileTransferred());
+}
+
+TEST_F(QVHandoffDocumentInfoTest, AFailureOnTheDataThreadAndACancelOnTheMainThreadEndItOnce) {
+  // The data thread's failure has taken the error callback when the main thread cancels: the two
+  // teardowns overlap, the partial copy goes once, and the error is reported exactly once.
+  for (int round = 0; round < 20; ++round) {
+    errors.clear();
+    invalidations = 0;
+    const auto info = transferring(10);
+    std::atomic<bool> failing = false;
+    info->setFileTransferInvalidationHandler([&] {
+      ++invalidations;
+      failing = true;
+    });
+    std::atomic<bool> done = false;
+    std::thread network([&] {
+      info->fileTransfer()->handleFileTransferError(QVError{QVURLErrorDomain, -1005, {}});
+      done = true;
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!failing && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::yield();
+    ASSERT_TRUE(failing.load()) << round;
+    info->invalidateFileTransferRelatedData();
+    info->invalidateFile();
+    EXPECT_TRUE(QVRunMainQueueUntil([&] { return done.load(); })) << round;
+    network.join();
+    EXPECT_EQ(errors.size(), 1u) << round;
+    EXPECT_EQ(invalidations, 1) << round;
+    EXPECT_TRUE(completed.empty());
+    EXPECT_TRUE(folder.entries().empty()) << round;
+  }
+}
