@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 
+class QVDNSSDEngine;
 class QVHandoffHTTPServer;
 
 class QVHandoffHTTPServerDelegate {
@@ -30,6 +31,9 @@ public:
   // May be replaced at any time; connections read it afresh for every body they encrypt or decrypt.
   QVData AES256Key() const;
   void setAES256Key(QVData key);
+
+  // What the server publishes through; without one a publication fails.
+  void setDNSSDEngine(std::shared_ptr<QVDNSSDEngine> engine);
 
   // The DNS-SD service type; empty: start() only listens.
   std::string type() const;
@@ -55,6 +59,7 @@ private:
   mutable std::mutex mutex_; // the key and the delegate are set on the main thread, read by connections
   QVData AES256Key_;
   std::weak_ptr<QVHandoffHTTPServerDelegate> delegate_;
+  std::shared_ptr<QVDNSSDEngine> DNSSDEngine_;
   std::string type_;
   QVTXTRecordDictionary TXTRecordDictionary_;
   std::string publishedName_;

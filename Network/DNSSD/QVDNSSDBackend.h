@@ -1,6 +1,6 @@
 #pragma once
-// The process's one DNS-SD engine behind QVNetService and QVNetServiceBrowser: the system daemon over
-// D-Bus or the embedded stack, both driven by one Avahi poll thread. Everything declared here runs with
+// What a DNS-SD engine (QVDNSSDEngine) runs: the system daemon over D-Bus or the embedded stack, both
+// driven by one Avahi poll thread. Everything declared here runs with
 // the poll lock held: inside Avahi's callbacks on the poll thread, elsewhere inside a lock_guard on the
 // backend. Callbacks only record and post; they never take the lock again. Private to Network/DNSSD.
 
@@ -20,10 +20,6 @@ class QVDNSSDPublication;
 
 class QVDNSSDBackend {
 public:
-  // The engine for the current configuration, started on first use; none when no engine can run, with
-  // Avahi's error code in `error`.
-  static std::shared_ptr<QVDNSSDBackend> shared(int& error);
-
   virtual ~QVDNSSDBackend();
   QVDNSSDBackend(const QVDNSSDBackend&) = delete;
   QVDNSSDBackend& operator=(const QVDNSSDBackend&) = delete;
