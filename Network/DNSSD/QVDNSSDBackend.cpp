@@ -37,6 +37,15 @@ void QVDNSSDBackend::unlock() {
   avahi_threaded_poll_unlock(poll_.get());
 }
 
+std::unique_ptr<QVDNSSDPublication>
+QVDNSSDBackend::publish(std::string name, std::string type, std::string domain, uint16_t port, QVData txt,
+                        std::function<void(const std::string& name)> established,
+                        std::function<void(int error)> failed) {
+  return std::make_unique<QVDNSSDPublication>(
+      *this, std::move(name), std::move(type), std::move(domain), port, std::move(txt),
+      QVDNSSDPublication::Callbacks{std::move(established), std::move(failed)});
+}
+
 void QVDNSSDBackend::engineStateChanged(bool running) {
   running_ = running;
   // Publications follow: withdrawn while the host name is being (re)claimed, added back once it holds.

@@ -332,17 +332,15 @@ void QVNetService::publish() {
     postToMain(weak, &State::publicationFailed, generation, error);
     return;
   }
-  QVDNSSDPublication::Callbacks callbacks{
-      [weak, generation](const std::string& publishedName) {
-        postToMain(weak, &State::publicationEstablished, generation, publishedName);
-      },
-      [weak, generation](int code) { postToMain(weak, &State::publicationFailed, generation, code); }};
   std::unique_ptr<QVDNSSDPublication> publication;
   {
     std::lock_guard backendLock(*backend);
-    publication = std::make_unique<QVDNSSDPublication>(*backend, state_->name, state_->type, state_->domain,
-                                                       static_cast<uint16_t>(state_->port), state_->txt,
-                                                       std::move(callbacks));
+    publication = backend->publish(
+        state_->name, state_->type, state_->domain, static_cast<uint16_t>(state_->port), state_->txt,
+        [weak, generation](const std::string& publishedName) {
+          postToMain(weak, &State::publicationEstablished, generation, publishedName);
+        },
+        [weak, generation](int code) { postToMain(weak, &State::publicationFailed, generation, code); });
   }
   state_->publication = QVDNSSDAdopt(backend, std::move(publication));
 }
