@@ -69,6 +69,11 @@ std::shared_ptr<QVHandoffManager> QVHandoffManager::defaultManager() {
 
 QVHandoffManager::~QVHandoffManager() {
   accountStateObservation_ = {};
+  // The registry no longer reaches its owner from here on: the transfers with its peers fail now.
+  if (serviceStarted_ && registry_) {
+    for (const auto& serverInfo : registry_->serversInfo())
+      stopAllOperationsForServerWithInfo(serverInfo);
+  }
   invalidateMetaStoragesRelatedData();
   stopHandoffService();
   if (localServer_) localServer_->setDelegate(nullptr);

@@ -257,6 +257,28 @@ TEST_F(QVHandoffManagerRegistryTest, UsesThePlatformItWasBuiltWith) {
   EXPECT_TRUE(log_.contains("Couldn't publish service", "error"));
 }
 
+TEST_F(QVHandoffManagerRegistryTest, ManagersMadeWithoutAPlatformTakeTheFactorysAndKeepTheirOwnPeers) {
+  int made = 0;
+  QVHandoffPlatform::setFactory([&] {
+    ++made;
+    return QVHandoffPlatform{engine_, session_};
+  });
+  const auto other = QVHandoffManager::make();
+  QVHandoffPlatform::setFactory({});
+  EXPECT_EQ(made, 1);
+  EXPECT_EQ(&other->HTTPSessionManager(), session_.get());
+
+  other->setMetaStorages(storages_);
+  find("Studio", "0");
+  EXPECT_NE(record("Studio"), nullptr);
+  EXPECT_TRUE(other->serversInfo().empty());
+  other->setMetaStorages({});
+
+  // Without an HTTP client a manager gets one of its own.
+  const auto bare = QVHandoffManager::make(QVHandoffPlatform{engine_, nullptr});
+  EXPECT_NE(&bare->HTTPSessionManager(), session_.get());
+}
+
 // Failing the transfers of a removed peer needs records in the transfer sets, which only the transfer
 // operations put there; that case is tested with them.
 
