@@ -284,7 +284,7 @@ private:
   const QVHandoffPlatform platform_;
   std::shared_ptr<QVHandoffPeerRegistry> registry_;
 
-  // Lifecycle and registry state (main thread).
+  // Lifecycle state (main thread).
   MetaStorageList metaStorages_;
   std::shared_ptr<QVHandoffMetaStorage> masterStorage_;
   std::shared_ptr<QVHandoffHTTPServer> localServer_;
