@@ -130,6 +130,11 @@ void QVHandoffHTTPServer::setTXTRecordDictionary(QVTXTRecordDictionary dictionar
   if (service && data && !service->setTXTRecordData(*data)) QV_LOG_ERROR("Couldn't update TXT record data");
 }
 
+void QVHandoffHTTPServer::setDNSSDEngine(std::shared_ptr<QVDNSSDEngine> engine) {
+  std::lock_guard lock(mutex_);
+  DNSSDEngine_ = std::move(engine);
+}
+
 std::string QVHandoffHTTPServer::publishedName() const {
   std::lock_guard lock(mutex_);
   return publishedName_;
@@ -142,7 +147,7 @@ bool QVHandoffHTTPServer::start(QVError* error) {
     std::lock_guard lock(mutex_);
     if (type_.empty() || isLoopbackAddress(interface())) return true;
     // An empty name publishes under the machine's name, and DNS-SD renames it on a clash.
-    netService_ = std::make_shared<QVNetService>("", type_, "", port());
+    netService_ = std::make_shared<QVNetService>(DNSSDEngine_, "", type_, "", port());
     netService_->setDelegate(publicationDelegate_);
     if (const auto data = QVNetService::dataFromTXTRecordDictionary(TXTRecordDictionary_))
       netService_->setTXTRecordData(*data);

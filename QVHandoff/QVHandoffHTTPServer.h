@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 
+class QVDNSSDEngine;
 class QVHandoffHTTPServer;
 class QVHandoffServerContext;
 
@@ -37,6 +38,9 @@ public:
   QVData AES256Key() const;
   void setAES256Key(QVData key);
 
+  // What the server publishes through; without one a publication fails.
+  void setDNSSDEngine(std::shared_ptr<QVDNSSDEngine> engine);
+
   // The DNS-SD service type; empty: start() only listens.
   std::string type() const;
   void setType(std::string type);
@@ -60,11 +64,12 @@ public:
 private:
   class PublicationDelegate;
 
-  mutable std::mutex
-      mutex_; // the key, the delegate and the context are set on the main thread, read by connections
+  // The key, the delegate and the context are set on the main thread, read by connections.
+  mutable std::mutex mutex_;
   QVData AES256Key_;
   std::weak_ptr<QVHandoffHTTPServerDelegate> delegate_;
   std::weak_ptr<QVHandoffServerContext> context_;
+  std::shared_ptr<QVDNSSDEngine> DNSSDEngine_;
   std::string type_;
   QVTXTRecordDictionary TXTRecordDictionary_;
   std::string publishedName_;

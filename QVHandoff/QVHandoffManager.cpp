@@ -2,8 +2,7 @@
 
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
-#include "Network/DNSSD/QVNetService.h"
-#include "Network/DNSSD/QVNetServiceBrowser.h"
+#include "Network/HTTPClient/QVHTTPSessionManager.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
 #include "QVHandoff/QVHandoffiCloudDocumentsPresenter.h"
 
@@ -35,15 +34,20 @@ std::string programName() {
 
 } // namespace
 
-QVHandoffManager::QVHandoffManager()
-    : copyFileBlock_(QVHandoffManagerDefaultCopyFileBlock),
+QVHandoffManager::QVHandoffManager(QVHandoffPlatform platform)
+    : platform_(std::move(platform)), copyFileBlock_(QVHandoffManagerDefaultCopyFileBlock),
       moveFileBlock_(QVHandoffManagerDefaultMoveFileBlock),
       fileAttributesBlock_(QVHandoffManagerDefaultFileAttributesBlock) {}
 
-std::shared_ptr<QVHandoffManager> QVHandoffManager::make() {
-  auto manager = std::make_shared<QVHandoffManager>();
+std::shared_ptr<QVHandoffManager> QVHandoffManager::make(QVHandoffPlatform platform) {
+  if (!platform.HTTPSessionManager) platform.HTTPSessionManager = std::make_shared<QVHTTPSessionManager>();
+  auto manager = std::make_shared<QVHandoffManager>(std::move(platform));
   // These steps need the manager's shared owner, which the constructor does not have yet. A fresh list
   // refreshes the TXT record, and that makes the local server.
+  manager->registry_ = std::make_shared<QVHandoffPeerRegistry>(
+      manager->platform_.DNSSDEngine, manager->platform_.HTTPSessionManager,
+      std::weak_ptr<QVHandoffPeerRegistry::Owner>(manager));
+  manager->localServer()->setDNSSDEngine(manager->platform_.DNSSDEngine);
   {
     std::lock_guard lock(manager->localDocumentsMutex_);
     manager->localDocumentsInfo_ = std::make_shared<const DocumentInfoList>();
@@ -59,17 +63,20 @@ std::shared_ptr<QVHandoffManager> QVHandoffManager::make() {
 
 std::shared_ptr<QVHandoffManager> QVHandoffManager::defaultManager() {
   // Never destroyed: connection and DNS-SD threads may still call into it while the process exits.
-  static const auto* shared = new std::shared_ptr<QVHandoffManager>(make());
+  static const auto* shared = new std::shared_ptr<QVHandoffManager>(make(QVHandoffPlatform::make()));
   return *shared;
 }
 
 QVHandoffManager::~QVHandoffManager() {
   accountStateObservation_ = {};
+  // The registry no longer reaches its owner from here on: the transfers with its peers fail now.
+  if (serviceStarted_ && registry_) {
+    for (const auto& serverInfo : registry_->serversInfo())
+      stopAllOperationsForServerWithInfo(serverInfo);
+  }
   invalidateMetaStoragesRelatedData();
   stopHandoffService();
   if (localServer_) localServer_->setDelegate(nullptr);
-  for (const auto& browser : serviceBrowsers_)
-    browser->setDelegate({});
 }
 
 QVError QVHandoffManager::internalError() {
@@ -89,7 +96,6 @@ void QVHandoffManager::setMetaStorages(MetaStorageList metaStorages) {
 }
 
 void QVHandoffManager::initMetaStoragesRelatedData() {
-  std::vector<std::shared_ptr<QVNetServiceBrowser>> browsers;
   for (size_t index = 0; index < metaStorages_.size(); ++index) {
     const auto& storage = metaStorages_[index];
     if (index == 0) {
@@ -97,24 +103,15 @@ void QVHandoffManager::initMetaStoragesRelatedData() {
       masterStorage_ = storage;
     }
     storage->setDelegate(weak_from_this());
-    // Made now, searching only once the own service is published.
-    auto browser = std::make_shared<QVNetServiceBrowser>();
-    browser->setDelegate(weak_from_this());
-    browsers.push_back(std::move(browser));
   }
-  serviceBrowsers_ = std::move(browsers);
+  registry_->setMetaStorages(metaStorages_);
 }
 
 void QVHandoffManager::invalidateMetaStoragesRelatedData() {
-  for (size_t index = 0; index < metaStorages_.size(); ++index) {
-    if (index < serviceBrowsers_.size()) {
-      serviceBrowsers_[index]->setDelegate({});
-      serviceBrowsers_[index]->stop();
-    }
-    metaStorages_[index]->setDelegate({});
-  }
+  for (const auto& storage : metaStorages_)
+    storage->setDelegate({});
+  if (registry_) registry_->setMetaStorages({});
   // The old master keeps its flag: a storage once made master stays so.
-  serviceBrowsers_.clear();
   masterStorage_.reset();
   metaStorages_.clear();
 }
@@ -155,10 +152,7 @@ void QVHandoffManager::stopHandoffService() {
   serviceStarted_ = false;
   stopPublishing();
   stopBrowsing();
-  const ServerInfoList snapshot = serversInfo_;
-  for (const auto& serverInfo : snapshot) {
-    if (serverInfo->service()) removeRemoteServerInfoForService(serverInfo->service());
-  }
+  registry_->removeAllServersInfo();
 }
 
 void QVHandoffManager::restartServiceIfNeeded() {

@@ -4,11 +4,11 @@
 #include "Foundation/QVFileOperations.h"
 #include "Foundation/QVNotificationCenter.h"
 #include "Foundation/QVTypes.h"
-#include "Network/DNSSD/QVNetServiceBrowserDelegate.h"
-#include "Network/DNSSD/QVNetServiceDelegate.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffHTTPServer.h"
 #include "QVHandoff/QVHandoffMetaStorage.h"
+#include "QVHandoff/QVHandoffPeerRegistry.h"
+#include "QVHandoff/QVHandoffPlatform.h"
 #include "QVHandoff/QVHandoffProtocol.h"
 
 #include <atomic>
@@ -94,8 +94,7 @@ extern const QVHandoffFileAttributesBlock QVHandoffManagerDefaultFileAttributesB
 class QVHandoffManager : public std::enable_shared_from_this<QVHandoffManager>,
                          public QVHandoffMetaStorageDelegate,
                          public QVHandoffHTTPServerDelegate,
-                         public QVNetServiceBrowserDelegate,
-                         public QVNetServiceDelegate {
+                         public QVHandoffPeerRegistry::Owner {
 public:
   using ProgressHandler = QVHandoffDocumentInfo::ProgressHandler;
   using CompletionHandler = QVHandoffDocumentInfo::CompletionHandler;
@@ -108,8 +107,9 @@ public:
                                               uint64_t index, bool* stop)>;
 
   static std::shared_ptr<QVHandoffManager> defaultManager();
-  // A manager of its own, independent of the default one (tests, hosts with several).
-  static std::shared_ptr<QVHandoffManager> make();
+  // A manager of its own, independent of the default one (tests, hosts with several), reaching the network
+  // through `platform`; without an HTTP client it gets one of its own, without an engine it finds no peer.
+  static std::shared_ptr<QVHandoffManager> make(QVHandoffPlatform platform = QVHandoffPlatform::make());
   static QVError internalError();
 
   // ---- Lifecycle and service control ----
@@ -118,9 +118,7 @@ public:
   const MetaStorageList& metaStorages() const { return metaStorages_; }
   const std::shared_ptr<QVHandoffMetaStorage>& masterStorage() const { return masterStorage_; }
   // One per meta storage, same index.
-  const std::vector<std::shared_ptr<QVNetServiceBrowser>>& serviceBrowsers() const {
-    return serviceBrowsers_;
-  }
+  const std::vector<std::shared_ptr<QVNetServiceBrowser>>& serviceBrowsers() const;
   void startHandoffService();
   void stopHandoffService();
   bool serviceStarted() const { return serviceStarted_; }
@@ -152,29 +150,25 @@ public:
   // Arrives on a DNS-SD thread.
   void handoffHTTPServerDidPublish(QVHandoffHTTPServer& server) override;
 
-  // ---- Discovery and the registry of remote servers ----
+  // ---- Discovery and the registry of remote servers (forwarded to the peer registry) ----
   void startBrowsing();
   void stopBrowsing();
   void netServiceBrowserDidFindService(const std::shared_ptr<QVNetServiceBrowser>& browser,
-                                       const std::shared_ptr<QVNetService>& service,
-                                       bool moreComing) override;
+                                       const std::shared_ptr<QVNetService>& service, bool moreComing);
   void netServiceBrowserDidRemoveService(const std::shared_ptr<QVNetServiceBrowser>& browser,
-                                         const std::shared_ptr<QVNetService>& service,
-                                         bool moreComing) override;
+                                         const std::shared_ptr<QVNetService>& service, bool moreComing);
   void netServiceBrowserDidNotSearch(const std::shared_ptr<QVNetServiceBrowser>& browser,
-                                     const QVUserInfo& errorDict) override;
-  void netServiceDidResolveAddress(const std::shared_ptr<QVNetService>& sender) override;
-  void netServiceDidNotResolve(const std::shared_ptr<QVNetService>& sender,
-                               const QVUserInfo& errorDict) override;
-  void netServiceDidUpdateTXTRecordData(const std::shared_ptr<QVNetService>& sender,
-                                        const QVData& data) override;
+                                     const QVUserInfo& errorDict);
+  void netServiceDidResolveAddress(const std::shared_ptr<QVNetService>& sender);
+  void netServiceDidNotResolve(const std::shared_ptr<QVNetService>& sender, const QVUserInfo& errorDict);
+  void netServiceDidUpdateTXTRecordData(const std::shared_ptr<QVNetService>& sender, const QVData& data);
 
   void addRemoteServerInfoForService(const std::shared_ptr<QVNetService>& service, const QVData& AES256Key);
   void removeRemoteServerInfoForService(const std::shared_ptr<QVNetService>& service);
   void updateServerInfoForService(const std::shared_ptr<QVNetService>& service);
   void performTabsListHTTPRequestForServerInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
-  void stopAllOperationsForServerWithInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
-  void postServersInfoUpdateNotification();
+  void stopAllOperationsForServerWithInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo) override;
+  void postServersInfoUpdateNotification() override;
   // After any failed request to a peer: a refused connection forgets its address (a new resolve follows);
   // otherwise the tabs list is fetched again while attempts remain.
   void handleResponseError(const QVError& error,
@@ -194,7 +188,7 @@ public:
   // The up-to-date live records (for the framework); hosts use the copies of remoteServersInfoPassingTest.
   ServerInfoList remoteServersInfo() const;
   std::optional<ServerInfoList> remoteServersInfoPassingTest(const DocumentInfoTest& test) const;
-  const ServerInfoList& serversInfo() const { return serversInfo_; }
+  const ServerInfoList& serversInfo() const;
 
   // The HTTP client every request of this manager goes through.
   QVHTTPSessionManager& HTTPSessionManager() const;
@@ -269,7 +263,7 @@ public:
   bool moveSavedBackDocumentAtPath(const std::string& path, const std::string& toOriginalPath,
                                    QVError* error);
 
-  QVHandoffManager();
+  explicit QVHandoffManager(QVHandoffPlatform platform);
 
   // Documents open locally. The host replaces the list whole on the main thread; connection threads
   // read it as an immutable snapshot.
@@ -288,11 +282,16 @@ private:
   // A hook for the host's own checks after every registry change; empty.
   void performHandoffTests() {}
 
-  // Lifecycle and registry state (main thread).
+  // Discovery and the registry: what the manager reaches the network through, and the peer registry it
+  // forwards to (made by make(), which has the shared owner the registry needs).
+  std::string ownServiceName() override;
+  void postActiveRemoteDocumentChange(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) override;
+  const QVHandoffPlatform platform_;
+  std::shared_ptr<QVHandoffPeerRegistry> registry_;
+
+  // Lifecycle state (main thread).
   MetaStorageList metaStorages_;
   std::shared_ptr<QVHandoffMetaStorage> masterStorage_;
-  std::vector<std::shared_ptr<QVNetServiceBrowser>> serviceBrowsers_;
-  ServerInfoList serversInfo_;
   std::shared_ptr<QVHandoffHTTPServer> localServer_;
   std::atomic<bool> iCloudWasNotConfiguredOnServiceStart_ = false;
   std::atomic<bool> serviceStarted_ = false;

@@ -1,45 +1,10 @@
 #include "Network/DNSSD/QVDNSSDBackend.h"
 
-#include "Foundation/QVLog.h"
-#include "Network/DNSSD/QVDNSSDClientBackend.h"
-#include "Network/DNSSD/QVDNSSDCoreBackend.h"
 #include "Network/DNSSD/QVDNSSDPublication.h"
 
 #include <avahi-common/error.h>
 
-#include <mutex>
 #include <vector>
-
-QV_LOG_SOURCE("DNSSD/QVDNSSDBackend")
-
-std::shared_ptr<QVDNSSDBackend> QVDNSSDBackend::shared(int& error) {
-  static std::mutex mutex;
-  // Destroyed at exit only if nothing holds it any more; its destructor joins the poll thread.
-  static std::shared_ptr<QVDNSSDBackend> current;
-  std::lock_guard lock(mutex);
-  if (current && !current->failed()) return current;
-  current.reset();
-
-  const QVDNSSDConfiguration configuration = QVDNSSDConfiguration::current();
-  error = AVAHI_OK;
-  if (configuration.mode != QVDNSSDConfiguration::Mode::Embedded) {
-    current = QVDNSSDClientBackend::make(error);
-    if (current) {
-      QV_LOG_INFO("Using the DNS-SD daemon");
-      return current;
-    }
-    if (configuration.mode == QVDNSSDConfiguration::Mode::Daemon) {
-      QV_LOG_ERROR("Couldn't connect to the DNS-SD daemon ({})", QVAvahiErrorText(error));
-      return nullptr;
-    }
-    QV_LOG_INFO("No DNS-SD daemon ({}), using the embedded stack", QVAvahiErrorText(error));
-  }
-  current = QVDNSSDCoreBackend::make(configuration, error);
-  if (!current) {
-    QV_LOG_ERROR("Couldn't start the embedded DNS-SD stack ({})", QVAvahiErrorText(error));
-  }
-  return current;
-}
 
 QVDNSSDBackend::QVDNSSDBackend() : poll_(avahi_threaded_poll_new()) {}
 
@@ -70,6 +35,15 @@ void QVDNSSDBackend::lock() {
 
 void QVDNSSDBackend::unlock() {
   avahi_threaded_poll_unlock(poll_.get());
+}
+
+std::unique_ptr<QVDNSSDPublication>
+QVDNSSDBackend::publish(std::string name, std::string type, std::string domain, uint16_t port, QVData txt,
+                        std::function<void(const std::string& name)> established,
+                        std::function<void(int error)> failed) {
+  return std::make_unique<QVDNSSDPublication>(
+      *this, std::move(name), std::move(type), std::move(domain), port, std::move(txt),
+      QVDNSSDPublication::Callbacks{std::move(established), std::move(failed)});
 }
 
 void QVDNSSDBackend::engineStateChanged(bool running) {

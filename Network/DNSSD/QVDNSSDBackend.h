@@ -1,6 +1,6 @@
 #pragma once
-// The process's one DNS-SD engine behind QVNetService and QVNetServiceBrowser: the system daemon over
-// D-Bus or the embedded stack, both driven by one Avahi poll thread. Everything declared here runs with
+// What a DNS-SD engine (QVDNSSDEngine) runs: the system daemon over D-Bus or the embedded stack, both
+// driven by one Avahi poll thread. Everything declared here runs with
 // the poll lock held: inside Avahi's callbacks on the poll thread, elsewhere inside a lock_guard on the
 // backend. Callbacks only record and post; they never take the lock again. Private to Network/DNSSD.
 
@@ -18,12 +18,11 @@
 
 class QVDNSSDPublication;
 
+// The engine's interface is browse, resolve, TXT and publish; what the two engines share (the query
+// bookkeeping, the C callbacks of service browsers and resolvers, the publication with its renaming)
+// lives here and in QVDNSSDPublication, each engine only makes its Avahi objects.
 class QVDNSSDBackend {
 public:
-  // The engine for the current configuration, started on first use; none when no engine can run, with
-  // Avahi's error code in `error`.
-  static std::shared_ptr<QVDNSSDBackend> shared(int& error);
-
   virtual ~QVDNSSDBackend();
   QVDNSSDBackend(const QVDNSSDBackend&) = delete;
   QVDNSSDBackend& operator=(const QVDNSSDBackend&) = delete;
@@ -81,7 +80,7 @@ public:
   virtual std::unique_ptr<Query> browseTXTRecord(const std::string& name, const std::string& type,
                                                  const std::string& domain, Callback callback,
                                                  int& error) = 0;
-
+  // What each engine adds a publication's service with (the publication is the one user).
   class EntryGroup {
   public:
     virtual ~EntryGroup() = default;
@@ -93,21 +92,30 @@ public:
     virtual void reset() = 0;
   };
   using EntryGroupCallback = std::function<void(AvahiEntryGroupState state)>;
-  virtual std::unique_ptr<EntryGroup> newEntryGroup(EntryGroupCallback callback, int& error) = 0;
 
-  virtual std::string hostName() = 0;
-  virtual int lastError() = 0;
-  virtual const char* kind() const = 0;
+  // A service of ours, added once the engine runs and again after the host name was claimed anew. An
+  // empty name publishes under the engine's host name.
+  std::unique_ptr<QVDNSSDPublication> publish(std::string name, std::string type, std::string domain,
+                                              uint16_t port, QVData txt,
+                                              std::function<void(const std::string& name)> established,
+                                              std::function<void(int error)> failed);
 
   // Whether entries may be added now: the host name is established.
   bool running() const { return running_; }
   // The engine is gone (the daemon went away); new work goes to a new engine.
   bool failed() const { return failed_; }
 
+protected:
+  friend class QVDNSSDPublication;
+
+  virtual std::unique_ptr<EntryGroup> newEntryGroup(EntryGroupCallback callback, int& error) = 0;
+
+  virtual std::string hostName() = 0;
+  virtual int lastError() = 0;
+
   void addPublication(QVDNSSDPublication* publication) { publications_.insert(publication); }
   void removePublication(QVDNSSDPublication* publication) { publications_.erase(publication); }
 
-protected:
   QVDNSSDBackend();
   const AvahiPoll* pollAPI() const;
   int startPollThread();
@@ -117,6 +125,34 @@ protected:
   // Engines report their state from their state callback.
   void engineStateChanged(bool running);
   void engineFailed(int error);
+
+  // A query owning the Avahi object that `start(userdata)` makes; none, with the engine's error, when Avahi
+  // refused it.
+  template <class AvahiQuery, class Start>
+  std::unique_ptr<Query> startQuery(Callback callback, int& error, Start start) {
+    auto query = std::make_unique<AvahiQuery>(*this, std::move(callback));
+    query->handle.reset(start(static_cast<void*>(static_cast<Query*>(query.get()))));
+    if (query->handle) return query;
+    error = lastError();
+    return nullptr;
+  }
+
+  // The C callbacks of both libraries' service browsers and resolvers, which differ only in the type of
+  // their first argument; `userdata` is the query.
+  template <class Browser>
+  static void serviceBrowsed(Browser*, AvahiIfIndex interface, AvahiProtocol protocol,
+                             AvahiBrowserEvent event, const char* name, const char* type, const char* domain,
+                             AvahiLookupResultFlags, void* userdata) {
+    static_cast<const Query*>(userdata)->browseEvent(event, interface, protocol, name, type, domain);
+  }
+  template <class Resolver>
+  static void serviceResolved(Resolver*, AvahiIfIndex interface, AvahiProtocol protocol,
+                              AvahiResolverEvent event, const char*, const char*, const char*,
+                              const char* hostName, const AvahiAddress* address, uint16_t port,
+                              AvahiStringList* txt, AvahiLookupResultFlags, void* userdata) {
+    static_cast<const Query*>(userdata)->resolverEvent(event, interface, protocol, hostName, address, port,
+                                                       txt);
+  }
 
 private:
   QVAvahiThreadedPoll poll_;
@@ -133,15 +169,6 @@ public:
   using Query::Query;
   std::unique_ptr<Handle, QVCFree<Free>> handle;
 };
-
-// The query once Avahi took it; none, with the engine's error, when Avahi refused it.
-template <class AvahiQuery>
-std::unique_ptr<QVDNSSDBackend::Query> QVDNSSDStarted(std::unique_ptr<AvahiQuery> query,
-                                                      QVDNSSDBackend& backend, int& error) {
-  if (query->handle) return query;
-  error = backend.lastError();
-  return nullptr;
-}
 
 // Owns an object of the poll thread's world from outside it: destroyed with the poll lock held, and keeps
 // the engine alive until then.

@@ -169,34 +169,22 @@ void QVDNSSDClientBackend::clientStateChanged(AvahiClient* avahiClient, AvahiCli
 std::unique_ptr<QVDNSSDBackend::Query> QVDNSSDClientBackend::browseServices(const std::string& type,
                                                                             const std::string& domain,
                                                                             Callback callback, int& error) {
-  auto query = std::make_unique<ClientServiceBrowser>(*this, std::move(callback));
-  query->handle.reset(client().avahi_service_browser_new(
-      client_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, type.c_str(), domain.c_str(), AvahiLookupFlags(0),
-      [](AvahiServiceBrowser*, AvahiIfIndex interface, AvahiProtocol protocol, AvahiBrowserEvent event,
-         const char* name, const char* type, const char* domain, AvahiLookupResultFlags, void* userdata) {
-        static_cast<ClientServiceBrowser*>(userdata)->browseEvent(event, interface, protocol, name, type,
-                                                                  domain);
-      },
-      query.get()));
-  return QVDNSSDStarted(std::move(query), *this, error);
+  return startQuery<ClientServiceBrowser>(std::move(callback), error, [&](void* userdata) {
+    return client().avahi_service_browser_new(client_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
+                                              type.c_str(), domain.c_str(), AvahiLookupFlags(0),
+                                              &serviceBrowsed<AvahiServiceBrowser>, userdata);
+  });
 }
 
 std::unique_ptr<QVDNSSDBackend::Query> QVDNSSDClientBackend::resolveService(const std::string& name,
                                                                             const std::string& type,
                                                                             const std::string& domain,
                                                                             Callback callback, int& error) {
-  auto query = std::make_unique<ClientServiceResolver>(*this, std::move(callback));
-  query->handle.reset(client().avahi_service_resolver_new(
-      client_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_INET, name.c_str(), type.c_str(), domain.c_str(),
-      AVAHI_PROTO_INET, AvahiLookupFlags(0),
-      [](AvahiServiceResolver*, AvahiIfIndex interface, AvahiProtocol protocol, AvahiResolverEvent event,
-         const char*, const char*, const char*, const char* hostName, const AvahiAddress* address,
-         uint16_t port, AvahiStringList* txt, AvahiLookupResultFlags, void* userdata) {
-        static_cast<ClientServiceResolver*>(userdata)->resolverEvent(event, interface, protocol, hostName,
-                                                                     address, port, txt);
-      },
-      query.get()));
-  return QVDNSSDStarted(std::move(query), *this, error);
+  return startQuery<ClientServiceResolver>(std::move(callback), error, [&](void* userdata) {
+    return client().avahi_service_resolver_new(
+        client_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_INET, name.c_str(), type.c_str(), domain.c_str(),
+        AVAHI_PROTO_INET, AvahiLookupFlags(0), &serviceResolved<AvahiServiceResolver>, userdata);
+  });
 }
 
 std::unique_ptr<QVDNSSDBackend::Query> QVDNSSDClientBackend::browseTXTRecord(const std::string& name,
@@ -208,21 +196,21 @@ std::unique_ptr<QVDNSSDBackend::Query> QVDNSSDClientBackend::browseTXTRecord(con
     error = AVAHI_ERR_INVALID_SERVICE_NAME;
     return nullptr;
   }
-  auto query = std::make_unique<ClientRecordBrowser>(*this, std::move(callback));
-  query->handle.reset(client().avahi_record_browser_new(
-      client_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, fullName.c_str(), AVAHI_DNS_CLASS_IN,
-      AVAHI_DNS_TYPE_TXT, AvahiLookupFlags(0),
-      [](AvahiRecordBrowser*, AvahiIfIndex interface, AvahiProtocol protocol, AvahiBrowserEvent event,
-         const char*, uint16_t, uint16_t, const void* rdata, size_t size, AvahiLookupResultFlags,
-         void* userdata) {
-        // The daemon hands over the record's wire bytes, which are already the TXT record data.
-        const auto* bytes = static_cast<const uint8_t*>(rdata);
-        const QVData txt = bytes ? QVData(bytes, bytes + size) : QVData();
-        static_cast<ClientRecordBrowser*>(userdata)->browseEvent(event, interface, protocol, nullptr, nullptr,
-                                                                 nullptr, txt);
-      },
-      query.get()));
-  return QVDNSSDStarted(std::move(query), *this, error);
+  return startQuery<ClientRecordBrowser>(std::move(callback), error, [&](void* userdata) {
+    return client().avahi_record_browser_new(
+        client_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, fullName.c_str(), AVAHI_DNS_CLASS_IN,
+        AVAHI_DNS_TYPE_TXT, AvahiLookupFlags(0),
+        [](AvahiRecordBrowser*, AvahiIfIndex interface, AvahiProtocol protocol, AvahiBrowserEvent event,
+           const char*, uint16_t, uint16_t, const void* rdata, size_t size, AvahiLookupResultFlags,
+           void* userdata) {
+          // The daemon hands over the record's wire bytes, which are already the TXT record data.
+          const auto* bytes = static_cast<const uint8_t*>(rdata);
+          const QVData txt = bytes ? QVData(bytes, bytes + size) : QVData();
+          static_cast<const Query*>(userdata)->browseEvent(event, interface, protocol, nullptr, nullptr,
+                                                           nullptr, txt);
+        },
+        userdata);
+  });
 }
 
 std::unique_ptr<QVDNSSDBackend::EntryGroup> QVDNSSDClientBackend::newEntryGroup(EntryGroupCallback callback,

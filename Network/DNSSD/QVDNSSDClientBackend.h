@@ -20,12 +20,11 @@ public:
                                         const std::string& domain, Callback callback, int& error) override;
   std::unique_ptr<Query> browseTXTRecord(const std::string& name, const std::string& type,
                                          const std::string& domain, Callback callback, int& error) override;
+
+private:
   std::unique_ptr<EntryGroup> newEntryGroup(EntryGroupCallback callback, int& error) override;
   std::string hostName() override;
   int lastError() override;
-  const char* kind() const override { return "daemon"; }
-
-private:
   QVDNSSDClientBackend() = default;
   static void clientStateChanged(AvahiClient* client, AvahiClientState state, void* userdata);
 

@@ -1,6 +1,6 @@
 #pragma once
-// How the process reaches DNS-SD: the system daemon, the embedded stack, or whichever works. Set it before
-// the first service or browser is used; the environment gives the defaults.
+// How an engine reaches DNS-SD: the system daemon, the embedded stack, or whichever works. The environment
+// gives the defaults.
 
 #include <optional>
 #include <string>
@@ -23,7 +23,8 @@ struct QVDNSSDConfiguration {
   static const char* stringFromMode(Mode mode);
   static std::vector<std::string> interfacesFromString(const std::string& text);
 
-  // The configuration the next DNS-SD engine starts with; fromEnvironment() until set.
+  // What the default platform's engine is made with (QVHandoffPlatform::makeDefault); fromEnvironment()
+  // until set. An engine keeps the configuration it was made with.
   static QVDNSSDConfiguration current();
   static void setCurrent(QVDNSSDConfiguration configuration);
 };

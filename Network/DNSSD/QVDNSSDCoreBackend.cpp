@@ -233,34 +233,22 @@ void QVDNSSDCoreBackend::serverStateChanged(AvahiServer* server, AvahiServerStat
 std::unique_ptr<QVDNSSDBackend::Query> QVDNSSDCoreBackend::browseServices(const std::string& type,
                                                                           const std::string& domain,
                                                                           Callback callback, int& error) {
-  auto query = std::make_unique<CoreServiceBrowser>(*this, std::move(callback));
-  query->handle.reset(core().avahi_s_service_browser_new(
-      server_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, type.c_str(), domain.c_str(), AvahiLookupFlags(0),
-      [](AvahiSServiceBrowser*, AvahiIfIndex interface, AvahiProtocol protocol, AvahiBrowserEvent event,
-         const char* name, const char* type, const char* domain, AvahiLookupResultFlags, void* userdata) {
-        static_cast<CoreServiceBrowser*>(userdata)->browseEvent(event, interface, protocol, name, type,
-                                                                domain);
-      },
-      query.get()));
-  return QVDNSSDStarted(std::move(query), *this, error);
+  return startQuery<CoreServiceBrowser>(std::move(callback), error, [&](void* userdata) {
+    return core().avahi_s_service_browser_new(server_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
+                                              type.c_str(), domain.c_str(), AvahiLookupFlags(0),
+                                              &serviceBrowsed<AvahiSServiceBrowser>, userdata);
+  });
 }
 
 std::unique_ptr<QVDNSSDBackend::Query> QVDNSSDCoreBackend::resolveService(const std::string& name,
                                                                           const std::string& type,
                                                                           const std::string& domain,
                                                                           Callback callback, int& error) {
-  auto query = std::make_unique<CoreServiceResolver>(*this, std::move(callback));
-  query->handle.reset(core().avahi_s_service_resolver_new(
-      server_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_INET, name.c_str(), type.c_str(), domain.c_str(),
-      AVAHI_PROTO_INET, AvahiLookupFlags(0),
-      [](AvahiSServiceResolver*, AvahiIfIndex interface, AvahiProtocol protocol, AvahiResolverEvent event,
-         const char*, const char*, const char*, const char* hostName, const AvahiAddress* address,
-         uint16_t port, AvahiStringList* txt, AvahiLookupResultFlags, void* userdata) {
-        static_cast<CoreServiceResolver*>(userdata)->resolverEvent(event, interface, protocol, hostName,
-                                                                   address, port, txt);
-      },
-      query.get()));
-  return QVDNSSDStarted(std::move(query), *this, error);
+  return startQuery<CoreServiceResolver>(std::move(callback), error, [&](void* userdata) {
+    return core().avahi_s_service_resolver_new(
+        server_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_INET, name.c_str(), type.c_str(), domain.c_str(),
+        AVAHI_PROTO_INET, AvahiLookupFlags(0), &serviceResolved<AvahiSServiceResolver>, userdata);
+  });
 }
 
 std::unique_ptr<QVDNSSDBackend::Query> QVDNSSDCoreBackend::browseTXTRecord(const std::string& name,
@@ -275,17 +263,17 @@ std::unique_ptr<QVDNSSDBackend::Query> QVDNSSDCoreBackend::browseTXTRecord(const
     error = AVAHI_ERR_INVALID_SERVICE_NAME;
     return nullptr;
   }
-  auto query = std::make_unique<CoreRecordBrowser>(*this, std::move(callback));
-  query->handle.reset(core().avahi_s_record_browser_new(
-      server_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, key.get(), AVAHI_LOOKUP_USE_MULTICAST,
-      [](AvahiSRecordBrowser*, AvahiIfIndex interface, AvahiProtocol protocol, AvahiBrowserEvent event,
-         AvahiRecord* record, AvahiLookupResultFlags, void* userdata) {
-        const QVData txt = record ? QVTXTDataFromAvahiStringList(record->data.txt.string_list) : QVData();
-        static_cast<CoreRecordBrowser*>(userdata)->browseEvent(event, interface, protocol, nullptr, nullptr,
-                                                               nullptr, txt);
-      },
-      query.get()));
-  return QVDNSSDStarted(std::move(query), *this, error);
+  return startQuery<CoreRecordBrowser>(std::move(callback), error, [&](void* userdata) {
+    return core().avahi_s_record_browser_new(
+        server_.get(), AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, key.get(), AVAHI_LOOKUP_USE_MULTICAST,
+        [](AvahiSRecordBrowser*, AvahiIfIndex interface, AvahiProtocol protocol, AvahiBrowserEvent event,
+           AvahiRecord* record, AvahiLookupResultFlags, void* userdata) {
+          const QVData txt = record ? QVTXTDataFromAvahiStringList(record->data.txt.string_list) : QVData();
+          static_cast<const Query*>(userdata)->browseEvent(event, interface, protocol, nullptr, nullptr,
+                                                           nullptr, txt);
+        },
+        userdata);
+  });
 }
 
 std::unique_ptr<QVDNSSDBackend::EntryGroup> QVDNSSDCoreBackend::newEntryGroup(EntryGroupCallback callback,

@@ -3,6 +3,7 @@
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
 #include "Network/DNSSD/QVDNSSDBackend.h"
+#include "Network/DNSSD/QVDNSSDEngine.h"
 #include "Network/DNSSD/QVDNSSDHostRegistry.h"
 #include "Network/DNSSD/QVDNSSDPublication.h"
 #include "Network/DNSSD/QVNetServiceDelegate.h"
@@ -25,6 +26,8 @@ constexpr const char* kDefaultDomain = "local";
 
 struct QVNetService::State {
   mutable std::mutex mutex;
+  // None for stand-ins, which never reach DNS-SD.
+  std::shared_ptr<QVDNSSDEngine> engine;
   std::string domain;
   std::string type;
   std::string name;
@@ -47,6 +50,12 @@ struct QVNetService::State {
   bool publishReported = false;
   std::optional<QVMainQueue::TimerID> resolveTimer;
   QVMainQueue::Clock::time_point resolveDeadline;
+
+  std::shared_ptr<QVDNSSDBackend> backend(int& error) const {
+    if (engine) return engine->backend(error);
+    error = AVAHI_ERR_NOT_SUPPORTED;
+    return nullptr;
+  }
 
   // Whether a resolve's answer only repeats what the last resolution gave.
   bool repeatsLastResolution(const QVDNSSDBackend::Event& event) const {
@@ -226,16 +235,19 @@ void QVNetService::State::monitorEvent(const std::shared_ptr<QVNetService>& self
 
 QVNetService::QVNetService() : state_(std::make_unique<State>()) {}
 
-QVNetService::QVNetService(std::string domain, std::string type, std::string name, int port)
+QVNetService::QVNetService(std::shared_ptr<QVDNSSDEngine> engine, std::string domain, std::string type,
+                           std::string name, int port)
     : QVNetService() {
+  state_->engine = std::move(engine);
   state_->domain = domain.empty() ? kDefaultDomain : std::move(domain);
   state_->type = std::move(type);
   state_->name = std::move(name);
   state_->port = port;
 }
 
-QVNetService::QVNetService(std::string domain, std::string type, std::string name)
-    : QVNetService(std::move(domain), std::move(type), std::move(name), -1) {}
+QVNetService::QVNetService(std::shared_ptr<QVDNSSDEngine> engine, std::string domain, std::string type,
+                           std::string name)
+    : QVNetService(std::move(engine), std::move(domain), std::move(type), std::move(name), -1) {}
 
 QVNetService::~QVNetService() {
   std::lock_guard lock(state_->mutex);
@@ -308,7 +320,7 @@ bool QVNetService::setTXTRecordData(const QVData& data) {
 
 void QVNetService::publish() {
   int error = AVAHI_OK;
-  const auto backend = QVDNSSDBackend::shared(error);
+  const auto backend = state_->backend(error);
   std::lock_guard lock(state_->mutex);
   state_->publication.reset();
   state_->publishReported = false;
@@ -320,24 +332,22 @@ void QVNetService::publish() {
     postToMain(weak, &State::publicationFailed, generation, error);
     return;
   }
-  QVDNSSDPublication::Callbacks callbacks{
-      [weak, generation](const std::string& publishedName) {
-        postToMain(weak, &State::publicationEstablished, generation, publishedName);
-      },
-      [weak, generation](int code) { postToMain(weak, &State::publicationFailed, generation, code); }};
   std::unique_ptr<QVDNSSDPublication> publication;
   {
     std::lock_guard backendLock(*backend);
-    publication = std::make_unique<QVDNSSDPublication>(*backend, state_->name, state_->type, state_->domain,
-                                                       static_cast<uint16_t>(state_->port), state_->txt,
-                                                       std::move(callbacks));
+    publication = backend->publish(
+        state_->name, state_->type, state_->domain, static_cast<uint16_t>(state_->port), state_->txt,
+        [weak, generation](const std::string& publishedName) {
+          postToMain(weak, &State::publicationEstablished, generation, publishedName);
+        },
+        [weak, generation](int code) { postToMain(weak, &State::publicationFailed, generation, code); });
   }
   state_->publication = QVDNSSDAdopt(backend, std::move(publication));
 }
 
 void QVNetService::resolveWithTimeout(std::chrono::milliseconds timeout) {
   int error = AVAHI_OK;
-  const auto backend = QVDNSSDBackend::shared(error);
+  const auto backend = state_->backend(error);
   std::lock_guard lock(state_->mutex);
   state_->endResolve();
   const uint64_t generation = ++state_->resolveGeneration;
@@ -373,7 +383,7 @@ void QVNetService::stop() {
 
 void QVNetService::startMonitoring() {
   int error = AVAHI_OK;
-  const auto backend = QVDNSSDBackend::shared(error);
+  const auto backend = state_->backend(error);
   std::lock_guard lock(state_->mutex);
   if (state_->monitor) return;
   const uint64_t generation = ++state_->monitorGeneration;

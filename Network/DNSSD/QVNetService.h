@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+class QVDNSSDEngine;
 class QVNetServiceDelegate;
 
 // Keys of the error dictionaries passed to delegates; the domain's value is QVNetServicesErrorDomain too.
@@ -24,11 +25,12 @@ using QVTXTRecordDictionary = std::map<std::string, QVData>;
 
 class QVNetService : public std::enable_shared_from_this<QVNetService> {
 public:
-  // To publish a local service on `port`; an empty name publishes under the host's name, an empty domain
-  // in "local".
-  QVNetService(std::string domain, std::string type, std::string name, int port);
-  // To resolve a service that a browser reported.
-  QVNetService(std::string domain, std::string type, std::string name);
+  // To publish a local service on `port` through `engine`; an empty name publishes under the host's name,
+  // an empty domain in "local".
+  QVNetService(std::shared_ptr<QVDNSSDEngine> engine, std::string domain, std::string type, std::string name,
+               int port);
+  // To resolve a service that a browser of `engine` reported.
+  QVNetService(std::shared_ptr<QVDNSSDEngine> engine, std::string domain, std::string type, std::string name);
   virtual ~QVNetService();
   QVNetService(const QVNetService&) = delete;
   QVNetService& operator=(const QVNetService&) = delete;

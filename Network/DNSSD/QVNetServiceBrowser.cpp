@@ -3,6 +3,7 @@
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
 #include "Network/DNSSD/QVDNSSDBackend.h"
+#include "Network/DNSSD/QVDNSSDEngine.h"
 #include "Network/DNSSD/QVNetService.h"
 #include "Network/DNSSD/QVNetServiceBrowserDelegate.h"
 
@@ -26,6 +27,7 @@ struct QVNetServiceBrowser::State {
   };
 
   mutable std::mutex mutex;
+  std::shared_ptr<QVDNSSDEngine> engine;
   std::weak_ptr<QVNetServiceBrowserDelegate> delegate;
   QVDNSSDHandle<QVDNSSDBackend::Query> query;
   // Events of an ended search may still wait in the main queue; they carry an older generation.
@@ -48,7 +50,7 @@ struct QVNetServiceBrowser::State {
 std::shared_ptr<QVNetService>
 QVNetServiceBrowser::State::makeService(const std::weak_ptr<QVNetServiceBrowser>& weak,
                                         const QVDNSSDBackend::Event& event) {
-  auto service = std::make_shared<QVNetService>(event.domain, event.type, event.name);
+  auto service = std::make_shared<QVNetService>(engine, event.domain, event.type, event.name);
   service->setResolveFailureHandler([weak, weakService = std::weak_ptr(service)] {
     auto self = weak.lock();
     auto service = weakService.lock();
@@ -61,7 +63,7 @@ void QVNetServiceBrowser::State::serviceNotResolved(const std::shared_ptr<QVNetS
                                                     const std::shared_ptr<QVNetService>& service) {
   State& state = *self->state_;
   int error = AVAHI_OK;
-  const auto backend = QVDNSSDBackend::shared(error);
+  const auto backend = state.engine ? state.engine->backend(error) : nullptr;
   std::lock_guard lock(state.mutex);
   auto entry = state.found.find(service->name());
   if (!backend || entry == state.found.end() || entry->second.service != service || entry->second.watch)
@@ -118,7 +120,10 @@ void QVNetServiceBrowser::State::watchEvent(const std::shared_ptr<QVNetServiceBr
   }
 }
 
-QVNetServiceBrowser::QVNetServiceBrowser() : state_(std::make_unique<State>()) {}
+QVNetServiceBrowser::QVNetServiceBrowser(std::shared_ptr<QVDNSSDEngine> engine)
+    : state_(std::make_unique<State>()) {
+  state_->engine = std::move(engine);
+}
 
 QVNetServiceBrowser::~QVNetServiceBrowser() = default;
 
@@ -133,8 +138,8 @@ void QVNetServiceBrowser::setDelegate(std::weak_ptr<QVNetServiceBrowserDelegate>
 }
 
 void QVNetServiceBrowser::searchForServicesOfType(const std::string& type, const std::string& domain) {
-  int error = AVAHI_OK;
-  const auto backend = QVDNSSDBackend::shared(error);
+  int error = AVAHI_ERR_NOT_SUPPORTED;
+  const auto backend = state_->engine ? state_->engine->backend(error) : nullptr;
   std::lock_guard lock(state_->mutex);
   state_->query.reset();
   state_->found.clear();

@@ -5,11 +5,13 @@
 #include <memory>
 #include <string>
 
+class QVDNSSDEngine;
 class QVNetServiceBrowserDelegate;
 
 class QVNetServiceBrowser : public std::enable_shared_from_this<QVNetServiceBrowser> {
 public:
-  QVNetServiceBrowser();
+  // Searches through `engine`; the services it reports resolve through it too.
+  explicit QVNetServiceBrowser(std::shared_ptr<QVDNSSDEngine> engine);
   ~QVNetServiceBrowser();
   QVNetServiceBrowser(const QVNetServiceBrowser&) = delete;
   QVNetServiceBrowser& operator=(const QVNetServiceBrowser&) = delete;

@@ -129,3 +129,30 @@ TEST_F(DNSSDTest, FailuresReachTheDelegateWithAvahiCodes) {
   EXPECT_EQ((*notPublished)["code"], kAvahiInvalidServiceType);
   EXPECT_EQ((*notSearched)["code"], kAvahiInvalidServiceType);
 }
+
+// Two embedded stacks on one host and one interface (a one-shot command beside a running installation)
+// both claim the machine's name: both publish, the newer one finds the older and resolves the peer, ten
+// times in a row.
+TEST_F(DNSSDTest, TwoStacksOnOneHostCoexistAndFindTheirPeer) {
+  ASSERT_TRUE(makeHosts(2));
+  auto& peer = probe(1, {"--publish", "Peer", "--port", "4003"});
+  ASSERT_TRUE(peer.waitFor(event("published"), kDiscovery));
+  constexpr int kRounds = 10;
+  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    const std::string suffix = " " + std::to_string(round);
+    auto& running = probe(0, {"--publish", "Running" + suffix, "--port", "4001", "--browse"}, {}, false);
+    ASSERT_TRUE(running.waitFor(event("published"), kDiscovery)) << "the first stack never published";
+    auto& oneShot =
+        probe(0, {"--publish", "One-shot" + suffix, "--port", "4002", "--browse", "--resolve"}, {}, false);
+
+    const auto published = oneShot.waitFor(event("published"), kDiscovery);
+    ASSERT_TRUE(published) << "the second stack never published";
+    EXPECT_TRUE(oneShot.waitFor(event("resolved", "Peer"), kDiscovery));
+    EXPECT_TRUE(oneShot.waitFor(event("resolved", "Running" + suffix), kDiscovery));
+    EXPECT_TRUE(running.waitFor(event("found", (*published)["name"]), kDiscovery));
+    oneShot.send("quit");
+    running.send("quit");
+    EXPECT_TRUE(oneShot.waitForExit(kDiscovery) && running.waitForExit(kDiscovery));
+  }
+}

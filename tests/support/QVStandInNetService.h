@@ -2,8 +2,10 @@
 // A peer's service played without DNS-SD: it answers what a resolve and the TXT monitor would have
 // told, and counts the resolves, stops and monitoring it is asked for. Nothing here starts an engine.
 
+#include "Network/DNSSD/QVDNSSDEngine.h"
 #include "Network/DNSSD/QVNetService.h"
 
+#include <atomic>
 #include <chrono>
 #include <string>
 
@@ -47,3 +49,18 @@ private:
 inline QVData QVTXTValue(const std::string& text) {
   return QVData(text.begin(), text.end());
 }
+
+// An engine that never starts one: it counts who asks for it, and every browse, resolve or publication
+// through it fails as if no DNS-SD could run here.
+class QVStandInDNSSDEngine : public QVDNSSDEngine {
+public:
+  QVStandInDNSSDEngine() : QVDNSSDEngine({}) {}
+  std::shared_ptr<QVDNSSDBackend> backend(int& error) override {
+    ++requests;
+    error = kError;
+    return nullptr;
+  }
+
+  static constexpr int kError = -26; // Avahi's "not supported"
+  std::atomic<int> requests = 0;
+};

@@ -7,6 +7,7 @@
 
 #include "Foundation/QVMainQueue.h"
 #include "Network/DNSSD/QVDNSSDConfiguration.h"
+#include "Network/DNSSD/QVDNSSDEngine.h"
 #include "Network/DNSSD/QVDNSSDHostRegistry.h"
 #include "Network/DNSSD/QVNetService.h"
 #include "Network/DNSSD/QVNetServiceBrowser.h"
@@ -105,19 +106,20 @@ class Probe : public QVNetServiceDelegate,
               public QVNetServiceBrowserDelegate,
               public std::enable_shared_from_this<Probe> {
 public:
-  explicit Probe(Options options) : options_(std::move(options)) {}
+  explicit Probe(Options options)
+      : options_(std::move(options)), engine_(std::make_shared<QVDNSSDEngine>(options_.configuration)) {}
 
   void start() {
     if (options_.publishName) {
-      published_ =
-          std::make_shared<QVNetService>("local", options_.type, *options_.publishName, options_.port);
+      published_ = std::make_shared<QVNetService>(engine_, "local", options_.type, *options_.publishName,
+                                                  options_.port);
       published_->setDelegate(shared_from_this());
       published_->setTXTRecordData(
           QVNetService::dataFromTXTRecordDictionary(options_.txt).value_or(QVData()));
       perform("publish");
     }
     if (options_.browse) {
-      browser_ = std::make_shared<QVNetServiceBrowser>();
+      browser_ = std::make_shared<QVNetServiceBrowser>(engine_);
       browser_->setDelegate(shared_from_this());
       browser_->searchForServicesOfType(options_.type, "local");
       emit({{"event", "browsing"}});
@@ -202,6 +204,7 @@ public:
 private:
   Options options_;
   std::shared_ptr<QVNetService> published_;
+  std::shared_ptr<QVDNSSDEngine> engine_;
   std::shared_ptr<QVNetServiceBrowser> browser_;
   std::map<std::string, std::shared_ptr<QVNetService>> found_;
 };
@@ -214,7 +217,6 @@ int main(int argc, char** argv) {
     std::cerr << "qvhandoff_dnssd_probe: bad arguments (the options are listed in its source)\n";
     return 2;
   }
-  QVDNSSDConfiguration::setCurrent(options->configuration);
   QVMainQueue& queue = QVMainQueue::main();
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(

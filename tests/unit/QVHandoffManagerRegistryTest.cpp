@@ -1,5 +1,7 @@
 #include "Foundation/QVLog.h"
+#include "Foundation/QVMainQueue.h"
 #include "Network/DNSSD/QVNetServiceBrowser.h"
+#include "Network/HTTPClient/QVHTTPSessionManager.h"
 #include "Network/HTTPClient/QVURLSessionDataTask.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
@@ -8,8 +10,9 @@
 
 namespace {
 
-// The registry driven through the DNS-SD delegate operations, the way browsers and services would.
-// The storages have no service type, so nothing is ever browsed; peers are stand-ins.
+// The registry of a manager of the test's own, driven through the DNS-SD delegate operations the way
+// browsers and services would. Its engine is a stand-in and the storages have no service type, so nothing
+// is ever browsed; peers are stand-ins.
 class QVHandoffManagerRegistryTest : public ::testing::Test {
 protected:
   void SetUp() override {
@@ -23,7 +26,7 @@ protected:
     for (const auto& record : records)
       manager_->removeRemoteServerInfoForService(record->service());
     manager_->setMetaStorages({});
-    manager_->localServer()->stop(); // forgets a published name a test gave it
+    manager_->localServer()->stop();
   }
 
   static std::shared_ptr<QVHandoffMetaStorage> storage(QVData key) {
@@ -53,7 +56,9 @@ protected:
     return manager_->serverInfoForDeviceName(name);
   }
 
-  const std::shared_ptr<QVHandoffManager> manager_ = QVHandoffManager::defaultManager();
+  const std::shared_ptr<QVStandInDNSSDEngine> engine_ = std::make_shared<QVStandInDNSSDEngine>();
+  const std::shared_ptr<QVHTTPSessionManager> session_ = std::make_shared<QVHTTPSessionManager>();
+  const std::shared_ptr<QVHandoffManager> manager_ = QVHandoffManager::make({engine_, session_});
   const spdlog::level::level_enum logLevel_ = QVLogging::level();
   const QVHandoffManager::MetaStorageList storages_ = {storage(QVTestBytes(32, 1)),
                                                        storage(QVTestBytes(32, 2))};
@@ -76,7 +81,7 @@ TEST_F(QVHandoffManagerRegistryTest, FoundServicesBecomeOneRecordPerName) {
   ASSERT_EQ(manager_->serversInfo().size(), 1u);
   EXPECT_EQ(record("Studio")->service(), first);
   EXPECT_EQ(record("Studio")->AES256Key(), storages_[0]->AES256Key());
-  EXPECT_TRUE(first->monitoring && first->delegate() == manager_);
+  EXPECT_TRUE(first->monitoring && first->delegate());
   EXPECT_FALSE(second->monitoring || second->delegate());
 
   find("Attic", "0", 1);
@@ -84,7 +89,7 @@ TEST_F(QVHandoffManagerRegistryTest, FoundServicesBecomeOneRecordPerName) {
   EXPECT_TRUE(log_.contains("Added service \"Attic\"", "debug"));
 
   auto stray = std::make_shared<QVStandInNetService>("Cellar");
-  manager_->netServiceBrowserDidFindService(std::make_shared<QVNetServiceBrowser>(), stray, false);
+  manager_->netServiceBrowserDidFindService(std::make_shared<QVNetServiceBrowser>(nullptr), stray, false);
   EXPECT_TRUE(log_.contains("Couldn't find index of net service browser", "error"));
   EXPECT_EQ(record("Cellar"), nullptr);
   EXPECT_EQ(updates_, 0u); // nothing is shown before it is up to date
@@ -227,6 +232,51 @@ TEST_F(QVHandoffManagerRegistryTest, VanishedPeersLeaveTheRegistry) {
   manager_->netServiceBrowserDidNotSearch(manager_->serviceBrowsers()[0], QVNetService::errorDictionary(-26));
   EXPECT_TRUE(
       log_.contains("Service browser search error Error Domain=QVNetServicesErrorDomain Code=-26", "error"));
+}
+
+// The manager reaches DNS-SD and HTTP only through what it was built with.
+TEST_F(QVHandoffManagerRegistryTest, UsesThePlatformItWasBuiltWith) {
+  EXPECT_EQ(&manager_->HTTPSessionManager(), session_.get());
+  EXPECT_EQ(engine_->requests, 0); // nothing is asked of DNS-SD before it is needed
+
+  auto typed = storage(QVTestBytes(32, 3));
+  typed->setServiceType("5A0F3C1E-0000-4000-8000-000000000001");
+  manager_->setMetaStorages({typed, storages_[0]});
+  ASSERT_EQ(manager_->serviceBrowsers().size(), 2u);
+  manager_->startBrowsing();
+  EXPECT_EQ(engine_->requests, 1); // the one storage with a type
+  manager_->localServer()->setType(*QVHandoffManager::serviceTypeFromStorage(*typed));
+  QVError error;
+  ASSERT_TRUE(manager_->localServer()->start(&error)) << error.description();
+  EXPECT_EQ(engine_->requests, 2);
+
+  // The engine's refusal reaches the registry's browser on the main queue.
+  const bool reported = QVMainQueue::main().runUntil(
+      [&] { return log_.contains("Service browser search error", "error"); }, std::chrono::seconds(5));
+  EXPECT_TRUE(reported);
+  EXPECT_TRUE(log_.contains("Couldn't publish service", "error"));
+}
+
+TEST_F(QVHandoffManagerRegistryTest, ManagersMadeWithoutAPlatformTakeTheFactorysAndKeepTheirOwnPeers) {
+  int made = 0;
+  QVHandoffPlatform::setFactory([&] {
+    ++made;
+    return QVHandoffPlatform{engine_, session_};
+  });
+  const auto other = QVHandoffManager::make();
+  QVHandoffPlatform::setFactory({});
+  EXPECT_EQ(made, 1);
+  EXPECT_EQ(&other->HTTPSessionManager(), session_.get());
+
+  other->setMetaStorages(storages_);
+  find("Studio", "0");
+  EXPECT_NE(record("Studio"), nullptr);
+  EXPECT_TRUE(other->serversInfo().empty());
+  other->setMetaStorages({});
+
+  // Without an HTTP client a manager gets one of its own.
+  const auto bare = QVHandoffManager::make(QVHandoffPlatform{engine_, nullptr});
+  EXPECT_NE(&bare->HTTPSessionManager(), session_.get());
 }
 
 // Failing the transfers of a removed peer needs records in the transfer sets, which only the transfer

@@ -1,5 +1,11 @@
 #include "Network/DNSSD/QVNetService.h"
 
+#include "Foundation/QVMainQueue.h"
+#include "Network/DNSSD/QVNetServiceBrowser.h"
+#include "Network/DNSSD/QVNetServiceBrowserDelegate.h"
+#include "Network/DNSSD/QVNetServiceDelegate.h"
+#include "support/QVStandInNetService.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -52,4 +58,51 @@ TEST(QVNetServiceTest, TXTRecordDataFromPeersIsReadLeniently) {
   const auto dictionary = QVNetService::dictionaryFromTXTRecordData(bytes(wire));
   EXPECT_EQ(dictionary, (QVTXTRecordDictionary{{"flag", {}}, {"hasDocs", {}}, {"a", bytes("b=c")}}));
   EXPECT_TRUE(QVNetService::dictionaryFromTXTRecordData({}).empty());
+}
+
+// Services and browsers reach DNS-SD only through the engine they were made with; its refusal reaches the
+// delegate on the main queue, with the engine's code.
+TEST(QVNetServiceTest, WorksThroughTheEngineItWasMadeWith) {
+  struct Delegate : QVNetServiceDelegate, QVNetServiceBrowserDelegate {
+    std::vector<int64_t> notPublished, notResolved, notSearched;
+    static int64_t code(const QVUserInfo& error) {
+      return std::get<int64_t>(error.at(QVNetServicesErrorCode));
+    }
+    void netServiceDidNotPublish(const std::shared_ptr<QVNetService>&, const QVUserInfo& error) override {
+      notPublished.push_back(code(error));
+    }
+    void netServiceDidNotResolve(const std::shared_ptr<QVNetService>&, const QVUserInfo& error) override {
+      notResolved.push_back(code(error));
+    }
+    void netServiceBrowserDidNotSearch(const std::shared_ptr<QVNetServiceBrowser>&,
+                                       const QVUserInfo& error) override {
+      notSearched.push_back(code(error));
+    }
+  };
+  const auto engine = std::make_shared<QVStandInDNSSDEngine>();
+  const auto delegate = std::make_shared<Delegate>();
+  const auto published = std::make_shared<QVNetService>(engine, "", "_qvtest._tcp", "", 4000);
+  const auto peer = std::make_shared<QVNetService>(engine, "local", "_qvtest._tcp", "Studio");
+  const auto browser = std::make_shared<QVNetServiceBrowser>(engine);
+  published->setDelegate(delegate);
+  peer->setDelegate(delegate);
+  browser->setDelegate(delegate);
+
+  published->publish();
+  peer->resolveWithTimeout(std::chrono::seconds(30));
+  peer->startMonitoring();
+  browser->searchForServicesOfType("_qvtest._tcp", "local");
+  EXPECT_EQ(engine->requests, 4);
+
+  const bool reported = QVMainQueue::main().runUntil(
+      [&] {
+        return !delegate->notPublished.empty() && !delegate->notResolved.empty() &&
+               !delegate->notSearched.empty();
+      },
+      std::chrono::seconds(5));
+  ASSERT_TRUE(reported);
+  const std::vector<int64_t> once = {QVStandInDNSSDEngine::kError};
+  EXPECT_EQ(delegate->notPublished, once);
+  EXPECT_EQ(delegate->notResolved, once);
+  EXPECT_EQ(delegate->notSearched, once);
 }

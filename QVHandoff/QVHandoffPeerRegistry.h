@@ -1,0 +1,108 @@
+#pragma once
+// The peers of one manager: a browser per meta storage, a live server record per found service, their
+// resolves and TXT records, the tabs-list fetches with their attempts, and the up-to-date lists the host
+// reads. Confined to the main thread. The manager forwards its discovery operations here.
+
+#include "Foundation/QVTypes.h"
+#include "Network/DNSSD/QVNetServiceBrowserDelegate.h"
+#include "Network/DNSSD/QVNetServiceDelegate.h"
+#include "QVHandoff/QVHandoffMetaStorage.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+class QVDNSSDEngine;
+class QVHandoffDocumentInfo;
+class QVHandoffServerInfo;
+class QVHTTPSessionManager;
+class QVNetService;
+class QVNetServiceBrowser;
+
+class QVHandoffPeerRegistry : public std::enable_shared_from_this<QVHandoffPeerRegistry>,
+                              public QVNetServiceBrowserDelegate,
+                              public QVNetServiceDelegate {
+public:
+  // What the registry asks of the manager that owns it.
+  class Owner {
+  public:
+    virtual ~Owner() = default;
+    // Our own service comes back from the browsers too; it is never a peer.
+    virtual std::string ownServiceName() = 0;
+    // A peer left: its downloads and uploads fail.
+    virtual void
+    stopAllOperationsForServerWithInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo) = 0;
+    // Every change the host may see.
+    virtual void postServersInfoUpdateNotification() = 0;
+    // The peer's active document changed; on the main thread.
+    virtual void
+    postActiveRemoteDocumentChange(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) = 0;
+  };
+
+  using ServerInfoList = std::vector<std::shared_ptr<QVHandoffServerInfo>>;
+  using MetaStorageList = std::vector<std::shared_ptr<QVHandoffMetaStorage>>;
+  using DocumentInfoTest = std::function<bool(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
+                                              uint64_t index, bool* stop)>;
+
+  // Browsers search through `engine`; tabs lists are fetched through `session`.
+  QVHandoffPeerRegistry(std::shared_ptr<QVDNSSDEngine> engine, std::shared_ptr<QVHTTPSessionManager> session,
+                        std::weak_ptr<Owner> owner);
+  ~QVHandoffPeerRegistry() override;
+  QVHandoffPeerRegistry(const QVHandoffPeerRegistry&) = delete;
+  QVHandoffPeerRegistry& operator=(const QVHandoffPeerRegistry&) = delete;
+
+  // A browser per storage, same index, searching only from startBrowsing() on. An empty list stops and
+  // drops the browsers; known records stay.
+  void setMetaStorages(MetaStorageList metaStorages);
+  const std::vector<std::shared_ptr<QVNetServiceBrowser>>& serviceBrowsers() const {
+    return serviceBrowsers_;
+  }
+  QVHTTPSessionManager& HTTPSessionManager() const { return *session_; }
+
+  void startBrowsing();
+  void stopBrowsing();
+  // Forgets every peer, failing its transfers.
+  void removeAllServersInfo();
+
+  void netServiceBrowserDidFindService(const std::shared_ptr<QVNetServiceBrowser>& browser,
+                                       const std::shared_ptr<QVNetService>& service,
+                                       bool moreComing) override;
+  void netServiceBrowserDidRemoveService(const std::shared_ptr<QVNetServiceBrowser>& browser,
+                                         const std::shared_ptr<QVNetService>& service,
+                                         bool moreComing) override;
+  void netServiceBrowserDidNotSearch(const std::shared_ptr<QVNetServiceBrowser>& browser,
+                                     const QVUserInfo& errorDict) override;
+  void netServiceDidResolveAddress(const std::shared_ptr<QVNetService>& sender) override;
+  void netServiceDidNotResolve(const std::shared_ptr<QVNetService>& sender,
+                               const QVUserInfo& errorDict) override;
+  void netServiceDidUpdateTXTRecordData(const std::shared_ptr<QVNetService>& sender,
+                                        const QVData& data) override;
+
+  void addRemoteServerInfoForService(const std::shared_ptr<QVNetService>& service, const QVData& AES256Key);
+  void removeRemoteServerInfoForService(const std::shared_ptr<QVNetService>& service);
+  void updateServerInfoForService(const std::shared_ptr<QVNetService>& service);
+  void performTabsListHTTPRequestForServerInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
+  void handleResponseError(const QVError& error, const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
+
+  std::shared_ptr<QVHandoffServerInfo> remoteServerInfoForService(const QVNetService& service) const;
+  uint64_t indexOfRemoteServerInfoForService(const QVNetService& service) const;
+  std::shared_ptr<QVHandoffServerInfo> serverInfoForDeviceName(const std::string& deviceName) const;
+  std::shared_ptr<QVHandoffDocumentInfo>
+  updatedRemoteDocumentInfo(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) const;
+
+  ServerInfoList remoteServersInfo() const;
+  std::optional<ServerInfoList> remoteServersInfoPassingTest(const DocumentInfoTest& test) const;
+  const ServerInfoList& serversInfo() const { return serversInfo_; }
+
+private:
+  void postServersInfoUpdateNotification() const;
+
+  const std::shared_ptr<QVDNSSDEngine> engine_;
+  const std::shared_ptr<QVHTTPSessionManager> session_;
+  const std::weak_ptr<Owner> owner_;
+  MetaStorageList metaStorages_;
+  std::vector<std::shared_ptr<QVNetServiceBrowser>> serviceBrowsers_;
+  ServerInfoList serversInfo_;
+};

@@ -1,0 +1,25 @@
+#pragma once
+// What a manager reaches the network through: the DNS-SD engine and the HTTP client. Whoever builds a
+// manager passes one in; managers made without one (defaultManager() among them) get theirs from the
+// platform factory, which a host may replace before it makes its first manager.
+
+#include <functional>
+#include <memory>
+
+class QVDNSSDEngine;
+class QVHTTPSessionManager;
+
+struct QVHandoffPlatform {
+  std::shared_ptr<QVDNSSDEngine> DNSSDEngine;
+  std::shared_ptr<QVHTTPSessionManager> HTTPSessionManager;
+
+  using Factory = std::function<QVHandoffPlatform()>;
+
+  // The real ones: an engine for QVDNSSDConfiguration::current() (daemon, embedded stack or whichever
+  // works; the interface allow-list) and an HTTP client of its own.
+  static QVHandoffPlatform makeDefault();
+  // Through the factory in place; makeDefault() until a host set one.
+  static QVHandoffPlatform make();
+  // An empty factory puts makeDefault() back. Any thread; managers already made keep their platform.
+  static void setFactory(Factory factory);
+};
