@@ -25,6 +25,10 @@ std::shared_ptr<QVHandoffHTTPServer> QVHandoffManager::localServer() {
   return localServer_;
 }
 
+void QVHandoffManager::setServerPort(uint16_t port) {
+  serverPort_ = port;
+}
+
 void QVHandoffManager::startPublishing() {
   QV_ASSERT_MAIN_THREAD();
   const auto server = localServer();
@@ -35,6 +39,7 @@ void QVHandoffManager::startPublishing() {
   if (!type) return;
   updateLocalServerTXTData();
   server->setType(*type);
+  server->setPreferredPort(serverPort_);
   QVError error;
   if (!server->start(&error) && !error.domain.empty()) {
     QV_LOG_ERROR("Error starting HTTP server {}", error.description());

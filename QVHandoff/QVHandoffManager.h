@@ -140,6 +140,9 @@ public:
 
   // ---- Publishing ----
   std::shared_ptr<QVHandoffHTTPServer> localServer();
+  // The port the local server listens on at every start; 0 (the default) lets the system choose one.
+  void setServerPort(uint16_t port);
+  uint16_t serverPort() const { return serverPort_; }
   void startPublishing();
   void stopPublishing();
   // After the host changed records of the list in place.
@@ -289,6 +292,7 @@ private:
   std::vector<std::shared_ptr<QVNetServiceBrowser>> serviceBrowsers_;
   ServerInfoList serversInfo_;
   std::shared_ptr<QVHandoffHTTPServer> localServer_;
+  std::atomic<uint16_t> serverPort_ = 0;
   std::atomic<bool> iCloudWasNotConfiguredOnServiceStart_ = false;
   std::atomic<bool> serviceStarted_ = false;
   QVNotificationObservation accountStateObservation_;
