@@ -64,34 +64,37 @@ private:
   std::atomic<bool> failed_ = false;
 };
 
-// A session on the network for one command, quiet on stdout, ended by an interrupt as well.
+// The exit status when there is no container folder.
+std::optional<int> containerFailure(const QVHostOptions& options) {
+  bool isDirectory = false;
+  if (QVFileExists(options.container, &isDirectory) && isDirectory) return std::nullopt;
+  return fail(QVExitStatus::NotSetUp, fmt::format("container folder {} does not exist", options.container));
+}
+
+// The exit status when the container is not ready to join the network with, before anything started.
+std::optional<int> setUpFailure(const QVHostOptions& options) {
+  if (auto status = containerFailure(options)) return status;
+  // The key comes from the device that made it, through the sync client; one made here would compete.
+  if (!QVFileExists(keyFilePath(options.container))) {
+    return fail(QVExitStatus::NotSetUp,
+                fmt::format("no shared key in {} yet: wait for the folder to sync, or run `qvhandoff init` "
+                            "on the first device",
+                            options.container));
+  }
+  return std::nullopt;
+}
+
+// A session on the network for one command, quiet on stdout, ended by an interrupt as well. Made only
+// once setUpFailure found the container ready.
 class OneShot {
 public:
-  explicit OneShot(const QVHostOptions& options)
-      : options_(options), printer_(nullptr), session_(options, printer_) {
+  explicit OneShot(const QVHostOptions& options) : printer_(nullptr), session_(options, printer_) {
     QVHostInput::watchSignals([this] { interrupted_ = true; });
+    session_.start();
   }
   ~OneShot() { session_.stop(); }
   OneShot(const OneShot&) = delete;
   OneShot& operator=(const OneShot&) = delete;
-
-  // Joins the network; the exit status when the container is not ready for that.
-  std::optional<int> start() {
-    bool isDirectory = false;
-    if (!QVFileExists(options_.container, &isDirectory) || !isDirectory) {
-      return fail(QVExitStatus::NotSetUp,
-                  fmt::format("container folder {} does not exist", options_.container));
-    }
-    // The key comes from the device that made it, through the sync client; one made here would compete.
-    if (!QVFileExists(keyFilePath(options_.container))) {
-      return fail(QVExitStatus::NotSetUp,
-                  fmt::format("no shared key in {} yet: wait for the folder to sync, or run `qvhandoff init` "
-                              "on the first device",
-                              options_.container));
-    }
-    session_.start();
-    return std::nullopt;
-  }
 
   // Runs the main queue until `done`, an interrupt or the timeout; whether `done` holds.
   bool runUntil(const std::function<bool()>& done, QVMainQueue::Clock::duration timeout) {
@@ -135,7 +138,6 @@ public:
   QVHostSession& session() { return session_; }
 
 private:
-  const QVHostOptions& options_;
   QVEventPrinter printer_;
   QVHostSession session_;
   bool interrupted_ = false;
@@ -154,6 +156,26 @@ std::shared_ptr<QVHandoffDocumentInfo> tagsOfCopy(const std::string& copy, int* 
   return tags;
 }
 
+// The exit status when `copy` is no handed-off copy or the container is not ready; else its tags in `tags`.
+std::optional<int> copyFailure(const std::string& copy, const QVHostOptions& options,
+                               std::shared_ptr<QVHandoffDocumentInfo>* tags) {
+  int status = 0;
+  *tags = tagsOfCopy(copy, &status);
+  if (!*tags) return status;
+  return setUpFailure(options);
+}
+
+// Runs a transfer with `device` to its end and prints the path it reports; the exit status.
+int runTransfer(OneShot& oneShot, const std::string& action, const std::string& device,
+                const std::function<bool(QVHostSession::Handlers, std::string* error)>& startTransfer) {
+  std::string error;
+  int status = 0;
+  auto path = oneShot.transfer(action, device, startTransfer, &status, &error);
+  if (!path) return fail(static_cast<QVExitStatus>(status), error);
+  std::cout << QVEscapedText::escape(*path) << std::endl;
+  return QVExitCode(QVExitStatus::Success);
+}
+
 // Waits for the copy's origin to be listed; the exit status when it does not show up.
 std::optional<int> waitForOrigin(OneShot& oneShot, const QVHostOptions& options, const std::string& device) {
   if (oneShot.runUntil([&] { return oneShot.session().isListed(device); }, options.wait)) return std::nullopt;
@@ -165,10 +187,7 @@ std::optional<int> waitForOrigin(OneShot& oneShot, const QVHostOptions& options,
 } // namespace
 
 int QVOneShotCommands::init(const QVHostOptions& options) {
-  bool isDirectory = false;
-  if (!QVFileExists(options.container, &isDirectory) || !isDirectory) {
-    return fail(QVExitStatus::NotSetUp, fmt::format("container folder {} does not exist", options.container));
-  }
+  if (auto status = containerFailure(options)) return *status;
   const std::string keyFile = keyFilePath(options.container);
   if (QVFileExists(keyFile)) {
     std::cout << fmt::format("{} already holds a shared key\n", options.container);
@@ -186,8 +205,8 @@ int QVOneShotCommands::init(const QVHostOptions& options) {
 }
 
 int QVOneShotCommands::peers(const QVHostOptions& options) {
+  if (auto status = setUpFailure(options)) return *status;
   OneShot oneShot(options);
-  if (auto status = oneShot.start()) return *status;
   oneShot.runUntil([] { return false; }, options.wait);
   if (oneShot.interrupted()) return fail(QVExitStatus::Interrupted, "interrupted");
   const auto peers = oneShot.session().peers();
@@ -200,8 +219,8 @@ int QVOneShotCommands::peers(const QVHostOptions& options) {
 }
 
 int QVOneShotCommands::get(const QVHostOptions& options) {
+  if (auto status = setUpFailure(options)) return *status;
   OneShot oneShot(options);
-  if (auto status = oneShot.start()) return *status;
   QVHostSession& session = oneShot.session();
   if (!oneShot.runUntil([&] { return session.lists(options.device, options.path); }, options.wait)) {
     if (oneShot.interrupted()) return fail(QVExitStatus::Interrupted, "interrupted");
@@ -212,46 +231,29 @@ int QVOneShotCommands::get(const QVHostOptions& options) {
     return fail(QVExitStatus::NoSuchPeer,
                 fmt::format("\"{}\" does not have {} open", options.device, options.path));
   }
-  std::string error;
-  int status = 0;
-  auto localPath = oneShot.transfer(
-      "hand off " + options.path, options.device,
-      [&](QVHostSession::Handlers handlers, std::string* e) {
-        return session.get(options.device, options.path, std::move(handlers), e);
-      },
-      &status, &error);
-  if (!localPath) return fail(static_cast<QVExitStatus>(status), error);
-  std::cout << QVEscapedText::escape(*localPath) << std::endl;
-  return QVExitCode(QVExitStatus::Success);
+  return runTransfer(oneShot, "hand off " + options.path, options.device,
+                     [&](QVHostSession::Handlers handlers, std::string* error) {
+                       return session.get(options.device, options.path, std::move(handlers), error);
+                     });
 }
 
 int QVOneShotCommands::saveBack(const QVHostOptions& options) {
   const std::string copy = QVHostSession::absolutePath(options.path);
-  int status = 0;
-  auto tags = tagsOfCopy(copy, &status);
-  if (!tags) return status;
+  std::shared_ptr<QVHandoffDocumentInfo> tags;
+  if (auto failed = copyFailure(copy, options, &tags)) return *failed;
   OneShot oneShot(options);
-  if (auto failed = oneShot.start()) return *failed;
   if (auto failed = waitForOrigin(oneShot, options, tags->deviceName())) return *failed;
-  std::string error;
-  auto landedAt = oneShot.transfer(
-      "save back " + copy, tags->deviceName(),
-      [&](QVHostSession::Handlers handlers, std::string* e) {
-        return oneShot.session().saveBack(copy, std::move(handlers), e);
-      },
-      &status, &error);
-  if (!landedAt) return fail(static_cast<QVExitStatus>(status), error);
-  std::cout << QVEscapedText::escape(*landedAt) << std::endl;
-  return QVExitCode(QVExitStatus::Success);
+  return runTransfer(oneShot, "save back " + copy, tags->deviceName(),
+                     [&](QVHostSession::Handlers handlers, std::string* error) {
+                       return oneShot.session().saveBack(copy, std::move(handlers), error);
+                     });
 }
 
 int QVOneShotCommands::markModified(const QVHostOptions& options) {
   const std::string copy = QVHostSession::absolutePath(options.path);
-  int status = 0;
-  auto tags = tagsOfCopy(copy, &status);
-  if (!tags) return status;
+  std::shared_ptr<QVHandoffDocumentInfo> tags;
+  if (auto failed = copyFailure(copy, options, &tags)) return *failed;
   OneShot oneShot(options);
-  if (auto failed = oneShot.start()) return *failed;
   QVHostSession& session = oneShot.session();
   // The origin learns the name to ask for the copy under: this installation must be published first.
   if (!oneShot.runUntil([&] { return !session.publishedName().empty(); }, options.wait)) {
