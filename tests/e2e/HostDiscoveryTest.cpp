@@ -187,8 +187,10 @@ TEST_F(HostDiscoveryTest, AServiceRunsWithoutInputAndWithdrawsOnSIGTERMAndSIGHUP
   std::string output;
   EXPECT_EQ(oneShot(1, {"peers", "--json", "--wait", "1"}, &output, container()), 6);
   EXPECT_TRUE(output.empty()) << output;
+  // Nor does a serve whose command line is wrong: it ends before it joins the network.
+  EXPECT_EQ(oneShot(1, {"serve", work_.file("missing.pdf")}, &output, container()), 2);
   EXPECT_FALSE(std::filesystem::exists(work_.path() / "container" / ".com.quorvel.paperloom.handoff"))
-      << "a one-shot wrote a key";
+      << "a key was written";
 
   const std::string report = document(0, "Report.txt", "report");
   auto& b = serve(1, {}, container());

@@ -190,7 +190,7 @@ int QVOneShotCommands::init(const QVHostOptions& options) {
   if (auto status = containerFailure(options)) return *status;
   const std::string keyFile = keyFilePath(options.container);
   if (QVFileExists(keyFile)) {
-    std::cout << fmt::format("{} already holds a shared key\n", options.container);
+    std::cout << fmt::format("{} already holds a shared key\n", QVEscapedText::escape(options.container));
     return QVExitCode(QVExitStatus::Success);
   }
   QVHandoffiCloudDocumentsPresenter::setContainerPath(options.container);
@@ -200,7 +200,7 @@ int QVOneShotCommands::init(const QVHostOptions& options) {
   if (!QVFileExists(keyFile)) {
     return fail(QVExitStatus::Failure, fmt::format("could not write the shared key to {}", keyFile));
   }
-  std::cout << fmt::format("made a shared key in {}\n", options.container);
+  std::cout << fmt::format("made a shared key in {}\n", QVEscapedText::escape(options.container));
   return QVExitCode(QVExitStatus::Success);
 }
 

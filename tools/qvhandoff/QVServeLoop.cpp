@@ -1,7 +1,9 @@
 #include "QVServeLoop.h"
 
+#include "Foundation/QVFileOperations.h"
 #include "Foundation/QVMainQueue.h"
 #include "QVErrorText.h"
+#include "QVEscapedText.h"
 #include "QVEventPrinter.h"
 #include "QVExitStatus.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
@@ -25,11 +27,20 @@ QVServeLoop::QVServeLoop(const QVHostOptions& options, QVHostSession& session, Q
     : options_(options), session_(session), printer_(printer) {}
 
 int QVServeLoop::run() {
+  // A wrong command line never joins the network.
+  for (const auto& file : options_.files) {
+    bool isDirectory = false;
+    if (!QVFileExists(QVHostSession::absolutePath(file), &isDirectory) || isDirectory) {
+      std::fprintf(stderr, "qvhandoff: no file at %s\n",
+                   QVEscapedText::escape(QVHostSession::absolutePath(file)).c_str());
+      return QVExitCode(QVExitStatus::Usage);
+    }
+  }
   session_.start();
   for (const auto& file : options_.files) {
     std::string error;
     if (!session_.open(file, &error)) {
-      std::fprintf(stderr, "qvhandoff: %s\n", error.c_str());
+      std::fprintf(stderr, "qvhandoff: %s\n", QVEscapedText::escape(error).c_str());
       session_.stop();
       return QVExitCode(QVExitStatus::Failure);
     }
