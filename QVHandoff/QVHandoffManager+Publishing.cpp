@@ -108,6 +108,10 @@ std::shared_ptr<QVHandoffHTTPServer> QVHandoffManager::localServer() {
   return localServer_;
 }
 
+void QVHandoffManager::setServerPort(uint16_t port) {
+  serverPort_ = port;
+}
+
 void QVHandoffManager::startPublishing() {
   QV_ASSERT_MAIN_THREAD();
   const auto server = localServer();
@@ -118,6 +122,7 @@ void QVHandoffManager::startPublishing() {
   if (!type) return;
   updateLocalServerTXTData();
   server->setType(*type);
+  server->setPreferredPort(serverPort_);
   QVError error;
   if (!server->start(&error) && !error.domain.empty()) {
     QV_LOG_ERROR("Error starting HTTP server {}", error.description());

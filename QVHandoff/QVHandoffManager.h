@@ -142,6 +142,9 @@ public:
   // What the local server's connections reach this manager through; a server of the host's own may take
   // it too. Made on first use.
   std::shared_ptr<QVHandoffServerContext> serverContext();
+  // The port the local server listens on at every start; 0 (the default) lets the system choose one.
+  void setServerPort(uint16_t port);
+  uint16_t serverPort() const { return serverPort_; }
   void startPublishing();
   void stopPublishing();
   // After the host changed records of the list in place.
@@ -293,6 +296,7 @@ private:
   MetaStorageList metaStorages_;
   std::shared_ptr<QVHandoffMetaStorage> masterStorage_;
   std::shared_ptr<QVHandoffHTTPServer> localServer_;
+  std::atomic<uint16_t> serverPort_ = 0;
   std::atomic<bool> iCloudWasNotConfiguredOnServiceStart_ = false;
   std::atomic<bool> serviceStarted_ = false;
   QVNotificationObservation accountStateObservation_;

@@ -257,6 +257,7 @@ bool QVHTTPServer::start(QVError* error) {
       MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL | MHD_USE_ERROR_LOG;
   if (!interface_.empty()) {
     address.sin_family = AF_INET;
+    address.sin_port = htons(preferredPort_);
     if (inet_pton(AF_INET, interface_.c_str(), &address.sin_addr) != 1) {
       QV_LOG_ERROR("Invalid interface address {}", interface_);
       if (error) *error = QVError{QVHTTPServerErrorDomain, EINVAL, {}};
@@ -267,7 +268,7 @@ bool QVHTTPServer::start(QVError* error) {
   options.push_back({MHD_OPTION_END, 0, nullptr});
 
   auto startWithFlags = [&](unsigned extraFlags) {
-    return QVMHDDaemon(MHD_start_daemon(flags | extraFlags, 0, nullptr, nullptr,
+    return QVMHDDaemon(MHD_start_daemon(flags | extraFlags, preferredPort_, nullptr, nullptr,
                                         &QVHTTPConnectionDriver::access, this, MHD_OPTION_ARRAY,
                                         options.data(), MHD_OPTION_END));
   };

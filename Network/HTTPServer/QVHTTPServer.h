@@ -47,8 +47,13 @@ public:
   // IPv6 and IPv4.
   void setInterface(std::string address) { interface_ = std::move(address); }
   const std::string& interface() const { return interface_; }
+  // The port to listen on at every start, so that a firewall rule can name it; 0, the default, lets the
+  // system choose. A port that is taken fails the start rather than move elsewhere.
+  void setPreferredPort(uint16_t port) { preferredPort_ = port; }
+  uint16_t preferredPort() const { return preferredPort_; }
 
-  // Starts listening on a free port. False, with the error when there is one, if that fails.
+  // Starts listening on the preferred port, or else on a free one. False, with the error when there is one,
+  // if that fails.
   bool start(QVError* error);
   // Returns at once. The listener and every open connection, transfers in progress included, close in
   // the background; connections waiting for the main thread are released (QVHTTPConnection::serverStopped).
@@ -73,6 +78,7 @@ private:
 
   QVHTTPServerLimits limits_;
   std::string interface_;
+  uint16_t preferredPort_ = 0;
   std::unique_ptr<Daemon> daemon_;
   std::atomic<uint16_t> port_ = 0;
   mutable std::mutex mutex_; // guards the factory, the open connections and the running daemon's flag

@@ -180,3 +180,39 @@ TEST_F(HostDiscoveryTest, APeerGoneForGoodIsRemovedAfterTheResolveTimeoutAndList
   // A refusing peer costs a bounded number of requests, not a busy loop.
   EXPECT_EQ(log.find("request (4)"), std::string::npos);
 }
+
+TEST_F(HostDiscoveryTest, AServiceRunsWithoutInputAndWithdrawsOnSIGTERMAndSIGHUPOnItsOwnPort) {
+  ASSERT_TRUE(makeHosts(2));
+  // Before any host made the key: a one-shot says so and leaves the folder as it was.
+  std::string output;
+  EXPECT_EQ(oneShot(1, {"peers", "--json", "--wait", "1"}, &output, container()), 6);
+  EXPECT_TRUE(output.empty()) << output;
+  // Nor does a serve whose command line is wrong: it ends before it joins the network.
+  EXPECT_EQ(oneShot(1, {"serve", work_.file("missing.pdf")}, &output, container()), 2);
+  EXPECT_FALSE(std::filesystem::exists(work_.path() / "container" / ".com.quorvel.paperloom.handoff"))
+      << "a key was written";
+
+  const std::string report = document(0, "Report.txt", "report");
+  auto& b = serve(1, {}, container());
+  const std::string port = "47125";
+  for (const int signal : {SIGTERM, SIGHUP}) {
+    SCOPED_TRACE(strsignal(signal));
+    const size_t mark = b.eventCount();
+    auto& a = service(0, {"--port", port, report}, container());
+    const std::string nameA = publishedName(a);
+    ASSERT_FALSE(nameA.empty()) << "the service was not published (did the end of its input end it?)";
+    ASSERT_TRUE(waitForPeers(b, lists(nameA, {report}, 0), mark)) << "B never listed the service";
+    std::string sockets;
+    QVRunCommand({"ip", "netns", "exec", host(0).netns, "ss", "-Htln", "sport = :" + port}, &sockets);
+    EXPECT_NE(sockets.find(":" + port), std::string::npos) << "not listening on --port " << port;
+
+    // Withdrawn, the service leaves B's list long before the 30 s a silent peer takes to go.
+    const size_t before = b.eventCount();
+    ASSERT_EQ(kill(a.pid(), signal), 0);
+    EXPECT_TRUE(a.waitForExit(kDiscovery)) << "the service did not end";
+    EXPECT_TRUE(a.count(event("exit")) == 1) << "the service did not stop in order";
+    EXPECT_TRUE(waitForPeers(
+        b, [&](const Json& peers) { return !peer(peers, nameA); }, before, std::chrono::seconds(10)))
+        << "the service is still listed: it did not withdraw";
+  }
+}

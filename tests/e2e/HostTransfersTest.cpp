@@ -29,7 +29,7 @@ class HostTransfersTest : public QVHostsFixture {};
 
 TEST_F(HostTransfersTest, HandoffEditSaveBackConflictMarkAndForceSaveBack) {
   ASSERT_TRUE(makeHosts(2));
-  const std::string original = document(0, "Report.txt", "version 1 from A\n");
+  const std::string original = document(0, "My Report.txt", "version 1 from A\n");
   auto& a = serve(0, {original}, container());
   const std::string nameA = publishedName(a);
   auto& b = serve(1, {}, container());
@@ -87,7 +87,7 @@ TEST_F(HostTransfersTest, HandoffEditSaveBackConflictMarkAndForceSaveBack) {
   const auto beside = b.waitFor(saveBackOf(copy), kTransfer, markB);
   ASSERT_TRUE(beside) << "the second save back did not complete";
   const std::string sibling = (*beside)["path"];
-  EXPECT_EQ(sibling, work_.file("documents-A/Report 2.txt"));
+  EXPECT_EQ(sibling, work_.file("documents-A/My Report 2.txt"));
   EXPECT_EQ(contents(original), "version 3, changed on A meanwhile\n");
   EXPECT_EQ(contents(sibling), "version 3, changed on B\n");
   const auto landed = a.waitFor(notification("QVHandoffManagerDidSaveBackRemoteDocumentNotification",
@@ -103,10 +103,19 @@ TEST_F(HostTransfersTest, HandoffEditSaveBackConflictMarkAndForceSaveBack) {
   EXPECT_NE(fresh, copy);
   EXPECT_EQ(contents(fresh), "version 3, changed on A meanwhile\n");
   write(fresh, "version 4 from B, pushed back on request\n");
-  b.send("mark-modified " + quoted(fresh));
+  // The one-shot form reaches A as well, under the name it was published with.
+  mark = a.eventCount();
+  ASSERT_EQ(oneShot(1, {"mark-modified", fresh, "--wait", "20"}, &output), 0);
+  EXPECT_TRUE(a.waitFor(notification("QVHandoffManagerDidMarkLocalFileAsModifiedNotification",
+                                     "QVHandoffManagerFilePathKey", original),
+                        kTransfer, mark))
+      << "A was not told of the modified copy by the one-shot command";
+  // The path takes the rest of the line: no quotes needed for its blanks.
+  mark = a.eventCount();
+  b.send("mark-modified " + fresh);
   const auto marked = a.waitFor(notification("QVHandoffManagerDidMarkLocalFileAsModifiedNotification",
                                              "QVHandoffManagerFilePathKey", original),
-                                kTransfer);
+                                kTransfer, mark);
   ASSERT_TRUE(marked) << "A was not told of the modified copy";
   EXPECT_EQ((*marked)["userInfo"]["QVHandoffManagerDeviceNameKey"], nameB);
   EXPECT_EQ((*marked)["userInfo"]["QVHandoffManagerDeviceTypeKey"], 3);

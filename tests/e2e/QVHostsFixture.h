@@ -113,13 +113,25 @@ protected:
   }
 
   // A one-shot command on host `index`: its exit status, its stdout in `output`.
-  int oneShot(size_t index, const std::vector<std::string>& arguments, std::string* output) {
+  int oneShot(size_t index, const std::vector<std::string>& arguments, std::string* output,
+              const std::string& containerPath = {}) {
     const std::string log =
         work_.file(host(index).letter + "-oneshot-" + std::to_string(++oneShots_) + ".log");
     std::vector<std::string> argv = {"sh", "-c", "exec \"$@\" 2>\"$0\"", log};
-    const auto command = tool(index, arguments, container());
+    const auto command = tool(index, arguments, containerPath.empty() ? container() : containerPath);
     argv.insert(argv.end(), command.begin(), command.end());
     return QVRunCommand(argv, output);
+  }
+
+  // `serve --no-input` on host `index` with nothing on its stdin: it must run on as a service would.
+  QVChildProcess& service(size_t index, const std::vector<std::string>& arguments,
+                          const std::string& containerPath) {
+    std::vector<std::string> serveArguments = {"serve", "--no-input"};
+    serveArguments.insert(serveArguments.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> argv = {"sh", "-c", "exec \"$@\" </dev/null", "sh"};
+    const auto command = tool(index, serveArguments, containerPath);
+    argv.insert(argv.end(), command.begin(), command.end());
+    return start(host(index).letter, argv);
   }
 
   // The name a host was published under.

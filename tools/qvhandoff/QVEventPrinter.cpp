@@ -1,6 +1,7 @@
 #include "QVEventPrinter.h"
 
 #include "Foundation/QVDateFormatting.h"
+#include "QVEscapedText.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
 
@@ -11,10 +12,35 @@ void QVEventPrinter::emit(nlohmann::json event) {
   event["us"] = std::chrono::duration_cast<std::chrono::microseconds>(
                     std::chrono::system_clock::now().time_since_epoch())
                     .count();
-  // Paths are bytes, not always UTF-8: replace what is not rather than throw.
-  const std::string line = event.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  const std::string line = text(event);
   std::lock_guard lock(mutex_);
   *out_ << line << std::endl;
+}
+
+namespace {
+
+nlohmann::json escaped(const nlohmann::json& value) {
+  if (value.is_string()) return QVEscapedText::escape(value.get_ref<const std::string&>());
+  if (value.is_array()) {
+    nlohmann::json array = nlohmann::json::array();
+    for (const auto& element : value)
+      array.push_back(escaped(element));
+    return array;
+  }
+  if (value.is_object()) {
+    nlohmann::json object = nlohmann::json::object();
+    for (const auto& [key, element] : value.items())
+      object[QVEscapedText::escape(key)] = escaped(element);
+    return object;
+  }
+  return value;
+}
+
+} // namespace
+
+std::string QVEventPrinter::text(const nlohmann::json& value, int indent) {
+  // Escaped, every string is valid UTF-8; the handler only guards against a slip.
+  return escaped(value).dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 nlohmann::json QVEventPrinter::jsonFromDate(const std::optional<QVDate>& date) {

@@ -22,6 +22,10 @@ public:
   // Adds "us", the wall clock in microseconds, and writes the line at once.
   void emit(nlohmann::json event);
 
+  // The JSON text of `value`, every string escaped by QVEscapedText: paths are bytes, not always UTF-8,
+  // and each one comes back whole from what is printed. `indent` as nlohmann's dump takes it.
+  static std::string text(const nlohmann::json& value, int indent = -1);
+
   static nlohmann::json jsonFromDate(const std::optional<QVDate>& date);
   static nlohmann::json jsonFromValue(const QVValue& value);
   static nlohmann::json jsonFromUserInfo(const QVUserInfo& userInfo);

@@ -1,9 +1,12 @@
 #include "QVHostCommand.h"
 
+#include "QVEscapedText.h"
+
 #include <fmt/format.h>
 
 #include <array>
 #include <cctype>
+#include <string_view>
 
 namespace {
 
@@ -27,53 +30,89 @@ constexpr std::array kSyntax = {
     Syntax{"quit", QVHostCommand::Verb::Quit, "", 0},
 };
 
-} // namespace
+bool isBlank(char c) {
+  return std::isspace(static_cast<unsigned char>(c)) != 0;
+}
 
-std::optional<std::vector<std::string>> QVHostCommand::split(const std::string& line) {
-  std::vector<std::string> words;
-  std::string word;
-  bool inWord = false;
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && isBlank(text.front()))
+    text.remove_prefix(1);
+  while (!text.empty() && isBlank(text.back()))
+    text.remove_suffix(1);
+  return text;
+}
+
+// The word at the start of `text`, quotes removed and escapes undone; `text` is left after it. None when
+// a quote is left open.
+std::optional<std::string> takeWord(std::string_view& text) {
+  std::string raw;
   bool quoted = false;
-  for (size_t i = 0; i < line.size(); ++i) {
-    const char c = line[i];
-    if (c == '\\' && i + 1 < line.size()) {
-      word += line[++i];
-      inWord = true;
+  size_t i = 0;
+  for (; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '\\' && i + 1 < text.size()) {
+      raw += c;
+      raw += text[++i];
     } else if (c == '"') {
       quoted = !quoted;
-      inWord = true;
-    } else if (!quoted && std::isspace(static_cast<unsigned char>(c))) {
-      if (inWord) words.push_back(std::move(word));
-      word.clear();
-      inWord = false;
+    } else if (!quoted && isBlank(c)) {
+      break;
     } else {
-      word += c;
-      inWord = true;
+      raw += c;
     }
   }
   if (quoted) return std::nullopt;
-  if (inWord) words.push_back(std::move(word));
-  return words;
+  text.remove_prefix(i);
+  return QVEscapedText::unescape(raw);
 }
+
+// The rest of a line as one argument: one quoted word when that is all there is, else the text as it
+// stands, so that `My "Draft".txt` needs no quotes either.
+std::string restArgument(std::string_view rest) {
+  if (rest.front() == '"') {
+    std::string_view after = rest;
+    auto word = takeWord(after);
+    if (word && trimmed(after).empty()) return *word;
+  }
+  return QVEscapedText::unescape(rest);
+}
+
+} // namespace
 
 std::optional<QVHostCommand> QVHostCommand::parse(const std::string& line, std::string* error) {
   error->clear();
-  auto words = split(line);
-  if (!words) {
-    *error = "unbalanced quotes";
-    return std::nullopt;
-  }
-  if (words->empty()) return std::nullopt;
+  std::string_view rest = trimmed(line);
+  if (rest.empty()) return std::nullopt;
+  size_t verbEnd = 0;
+  while (verbEnd < rest.size() && !isBlank(rest[verbEnd]))
+    ++verbEnd;
+  const std::string_view verbWord = rest.substr(0, verbEnd);
+  rest = trimmed(rest.substr(verbEnd));
+
   for (const auto& syntax : kSyntax) {
-    if (words->front() != syntax.word) continue;
-    if (words->size() - 1 != syntax.count) {
-      *error = fmt::format("usage: {} {}", syntax.word, syntax.arguments);
+    if (verbWord != syntax.word) continue;
+    const std::string usageLine = fmt::format("usage: {} {}", syntax.word, syntax.arguments);
+    QVHostCommand command{syntax.verb, {}};
+    for (size_t i = 0; i + 1 < syntax.count && !rest.empty(); ++i) {
+      auto word = takeWord(rest);
+      if (!word) {
+        *error = "unbalanced quotes";
+        return std::nullopt;
+      }
+      command.arguments.push_back(std::move(*word));
+      rest = trimmed(rest);
+    }
+    if (syntax.count > 0 && !rest.empty())
+      command.arguments.push_back(restArgument(rest));
+    else if (syntax.count == 0 && !rest.empty())
+      command.arguments.emplace_back(rest);
+    if (command.arguments.size() != syntax.count) {
+      *error = usageLine;
       return std::nullopt;
     }
-    words->erase(words->begin());
-    return QVHostCommand{syntax.verb, std::move(*words)};
+    return command;
   }
-  *error = fmt::format("unknown command \"{}\" ({})", words->front(), usage());
+  *error = fmt::format("unknown command \"{}\" ({})", verbWord, usage());
   return std::nullopt;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
-// One line of `qvhandoff serve`'s input: a verb and its arguments. Words are split at blanks; a word with
-// blanks is written in double quotes, and a backslash takes the next character as it is.
+// One line of `qvhandoff serve`'s input: a verb and its arguments. The last argument, a path for most
+// verbs, takes the rest of the line, so a path with blanks needs no quotes; a word before it (the device
+// of `get`) is quoted when it has blanks. A backslash escapes as QVEscapedText writes it.
 
 #include <optional>
 #include <string>
@@ -14,8 +15,6 @@ struct QVHostCommand {
 
   // The command on `line`; none for a blank line, or with `error` set when the line is not a command.
   static std::optional<QVHostCommand> parse(const std::string& line, std::string* error);
-  // The words of `line`; none when a quote is left open.
-  static std::optional<std::vector<std::string>> split(const std::string& line);
   static const char* name(Verb verb);
   static const char* usage();
 };

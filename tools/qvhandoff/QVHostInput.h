@@ -7,11 +7,12 @@
 
 class QVHostInput {
 public:
-  // Blocks SIGINT and SIGTERM for the calling thread and every thread it starts later, so that only the
-  // watcher takes them; ignores SIGPIPE. Call first in main.
+  // Blocks SIGINT, SIGTERM and SIGHUP for the calling thread and every thread it starts later, so that only
+  // the watcher takes them; ignores SIGPIPE. Call first in main.
   static void blockSignals();
   // Each line of stdin, then `end` once at its end, on the main queue.
   static void readLines(std::function<void(std::string)> line, std::function<void()> end);
-  // `interrupted` on the main queue at the first SIGINT or SIGTERM; a second one ends the process at once.
+  // `interrupted` on the main queue at the first SIGINT, SIGTERM or SIGHUP (a closed terminal, or a service
+  // manager's stop); a second one ends the process at once.
   static void watchSignals(std::function<void()> interrupted);
 };

@@ -2,6 +2,7 @@
 
 #include "Foundation/QVFileOperations.h"
 #include "Network/DNSSD/QVDNSSDConfiguration.h"
+#include "QVErrorText.h"
 #include "QVEventPrinter.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffDocumentMetaStorage.h"
@@ -76,6 +77,7 @@ void QVHostSession::start() {
   observe(QViCloudAccountStateDidChangeNotification, nullptr);
 
   storage_ = QVHandoffDocumentMetaStorage::storageWithContainerURL(options_.container);
+  manager_->setServerPort(options_.port);
   manager_->setMetaStorages({storage_});
   manager_->startHandoffService();
   watchPublishedName();
@@ -237,6 +239,14 @@ bool QVHostSession::lists(const std::string& device, const std::string& path) co
     }
   }
   return false;
+}
+
+std::string QVHostSession::addressOf(const std::string& device) const {
+  for (const auto& serverInfo : peers()) {
+    if (serverInfo->deviceName() == device && !serverInfo->HTTPAddress().empty())
+      return QVErrorText::hostAndPort(serverInfo->HTTPAddress());
+  }
+  return {};
 }
 
 // ---- Transfers ----

@@ -61,6 +61,9 @@ public:
   bool forceSaveBack(const std::string& path, std::string* error);
   bool cancel(const std::string& copyOrPath, std::string* error);
 
+  // Where `device` is reached, "10.1.2.3:4567", for the words of an error; empty while unresolved.
+  std::string addressOf(const std::string& device) const;
+
   static std::string absolutePath(const std::string& path);
   static nlohmann::json jsonFromError(const QVError& error);
 

@@ -1,7 +1,12 @@
 #include "QVServeLoop.h"
 
+#include "Foundation/QVFileOperations.h"
 #include "Foundation/QVMainQueue.h"
+#include "QVErrorText.h"
+#include "QVEscapedText.h"
 #include "QVEventPrinter.h"
+#include "QVExitStatus.h"
+#include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHostInput.h"
 #include "QVHostOptions.h"
@@ -22,13 +27,22 @@ QVServeLoop::QVServeLoop(const QVHostOptions& options, QVHostSession& session, Q
     : options_(options), session_(session), printer_(printer) {}
 
 int QVServeLoop::run() {
+  // A wrong command line never joins the network.
+  for (const auto& file : options_.files) {
+    bool isDirectory = false;
+    if (!QVFileExists(QVHostSession::absolutePath(file), &isDirectory) || isDirectory) {
+      std::fprintf(stderr, "qvhandoff: no file at %s\n",
+                   QVEscapedText::escape(QVHostSession::absolutePath(file)).c_str());
+      return QVExitCode(QVExitStatus::Usage);
+    }
+  }
   session_.start();
   for (const auto& file : options_.files) {
     std::string error;
     if (!session_.open(file, &error)) {
-      std::fprintf(stderr, "qvhandoff: %s\n", error.c_str());
+      std::fprintf(stderr, "qvhandoff: %s\n", QVEscapedText::escape(error).c_str());
       session_.stop();
-      return 1;
+      return QVExitCode(QVExitStatus::Failure);
     }
   }
   if (!options_.files.empty()) {
@@ -42,13 +56,16 @@ int QVServeLoop::run() {
                  {"dnssd", QVDNSSDConfiguration::stringFromMode(options_.dnssd.mode)}});
   emitDocuments();
 
-  QVHostInput::readLines([this](const std::string& line) { perform(line); }, [this] { quit_ = true; });
+  // A service has no input: a closed stdin must not end it, only a signal does.
+  if (options_.readInput)
+    QVHostInput::readLines([this](const std::string& line) { perform(line); }, [this] { quit_ = true; });
   QVHostInput::watchSignals([this] { quit_ = true; });
   QVMainQueue::main().runUntil([this] { return quit_; }, kForever);
 
   session_.stop();
   printer_.emit({{"event", "exit"}});
-  return 0;
+  // A signal is how a service is told to stop: that is a clean end, not an interruption.
+  return QVExitCode(QVExitStatus::Success);
 }
 
 void QVServeLoop::perform(const std::string& line) {
@@ -88,6 +105,7 @@ bool QVServeLoop::perform(const QVHostCommand& command, std::string* error) {
     const std::string device = arguments[0];
     const std::string path = arguments[1];
     auto bar = std::make_shared<QVProgressBar>(fmt::format("get {}", path));
+    const std::string address = session_.addressOf(device);
     QVHostSession::Handlers handlers;
     handlers.progress = [this, bar, device, path](float progress) {
       bar->update(progress);
@@ -98,11 +116,12 @@ bool QVServeLoop::perform(const QVHostCommand& command, std::string* error) {
       printer_.emit(
           {{"event", "handoffCompleted"}, {"device", device}, {"path", path}, {"localPath", localPath}});
     };
-    handlers.error = [this, bar, device, path](const QVError& e) {
+    handlers.error = [this, bar, device, path, address](const QVError& e) {
       printer_.emit({{"event", "handoffFailed"},
                      {"device", device},
                      {"path", path},
-                     {"error", QVHostSession::jsonFromError(e)}});
+                     {"error", QVHostSession::jsonFromError(e)},
+                     {"message", QVErrorText::sentence(e, "hand off " + path, device, address)}});
     };
     return session_.get(device, path, std::move(handlers), error);
   }
@@ -130,6 +149,9 @@ bool QVServeLoop::perform(const QVHostCommand& command, std::string* error) {
 bool QVServeLoop::saveBack(const std::string& copy, std::string* error) {
   const std::string absolute = QVHostSession::absolutePath(copy);
   auto bar = std::make_shared<QVProgressBar>(fmt::format("save back {}", absolute));
+  const auto tags = QVHandoffManager::documentInfoForFileAtPath(absolute);
+  const std::string device = tags ? tags->deviceName() : std::string();
+  const std::string address = session_.addressOf(device);
   QVHostSession::Handlers handlers;
   handlers.progress = [this, bar, absolute](float progress) {
     bar->update(progress);
@@ -138,9 +160,11 @@ bool QVServeLoop::saveBack(const std::string& copy, std::string* error) {
   handlers.completion = [this, bar, absolute](const std::string& landedAt) {
     printer_.emit({{"event", "saveBackCompleted"}, {"copy", absolute}, {"path", landedAt}});
   };
-  handlers.error = [this, bar, absolute](const QVError& e) {
-    printer_.emit(
-        {{"event", "saveBackFailed"}, {"copy", absolute}, {"error", QVHostSession::jsonFromError(e)}});
+  handlers.error = [this, bar, absolute, device, address](const QVError& e) {
+    printer_.emit({{"event", "saveBackFailed"},
+                   {"copy", absolute},
+                   {"error", QVHostSession::jsonFromError(e)},
+                   {"message", QVErrorText::sentence(e, "save back " + absolute, device, address)}});
   };
   return session_.saveBack(absolute, std::move(handlers), error);
 }

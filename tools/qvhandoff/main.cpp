@@ -2,6 +2,7 @@
 
 #include "Foundation/QVLog.h"
 #include "QVEventPrinter.h"
+#include "QVExitStatus.h"
 #include "QVHostInput.h"
 #include "QVHostOptions.h"
 #include "QVHostSession.h"
@@ -24,14 +25,18 @@ int main(int argc, char** argv) {
     QVHostSession session(options, printer);
     return QVServeLoop(options, session, printer).run();
   }
+  case QVHostOptions::Command::Init:
+    return QVOneShotCommands::init(options);
   case QVHostOptions::Command::Peers:
     return QVOneShotCommands::peers(options);
   case QVHostOptions::Command::Get:
     return QVOneShotCommands::get(options);
   case QVHostOptions::Command::SaveBack:
     return QVOneShotCommands::saveBack(options);
+  case QVHostOptions::Command::MarkModified:
+    return QVOneShotCommands::markModified(options);
   case QVHostOptions::Command::Info:
     return QVOneShotCommands::info(options);
   }
-  return 2;
+  return QVExitCode(QVExitStatus::Usage);
 }
