@@ -1,7 +1,6 @@
 #include "QVHandoff/QVHandoffHTTPConnection.h"
 
 #include "Foundation/QVDateFormatting.h"
-#include "Foundation/QVFileHandle.h"
 #include "Foundation/QVFileOperations.h"
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMIMEType.h"
@@ -11,12 +10,12 @@
 #include "Foundation/QVUUID.h"
 #include "Network/HTTPServer/QVHTTPDataResponse.h"
 #include "Network/HTTPServer/QVHTTPErrorResponse.h"
-#include "QVHandoff/QVHandoffAES256Cryptor.h"
 #include "QVHandoff/QVHandoffAES256FileResponse.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffHTTPServer.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffProtocol.h"
+#include "QVHandoff/QVHandoffSaveBackReceiver.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -60,29 +59,6 @@ std::string contentTypeForPath(const std::string& path) {
   return type == kUnknownMIMEType ? std::string() : type;
 }
 
-uint64_t numberFromQueryValue(const std::string& text) {
-  return QVHandoffHTTPConnection::numberFormatter().numberFromString(text).value_or(0);
-}
-
-// "{12.5, 300}"; anything else is the origin.
-QVPoint pointFromQueryValue(std::string_view text) {
-  if (text.size() < 2 || text.front() != '{' || text.back() != '}') return {};
-  text = text.substr(1, text.size() - 2);
-  const size_t comma = text.find(',');
-  if (comma == std::string_view::npos) return {};
-  auto trimmed = [](std::string_view part) {
-    while (!part.empty() && part.front() == ' ')
-      part.remove_prefix(1);
-    while (!part.empty() && part.back() == ' ')
-      part.remove_suffix(1);
-    return part;
-  };
-  const auto x = QVParseDoubleNumber(trimmed(text.substr(0, comma)));
-  const auto y = QVParseDoubleNumber(trimmed(text.substr(comma + 1)));
-  if (!x || !y) return {};
-  return {*x, *y};
-}
-
 void postOnMainThread(const char* name, QVUserInfo userInfo) {
   const auto manager = QVHandoffManager::defaultManager();
   performOnMainThreadSynchronouslyIfPossible(
@@ -95,7 +71,7 @@ QVHandoffHTTPConnection::QVHandoffHTTPConnection(QVHandoffHTTPServer& server)
     : QVHTTPConnection(server), handoffServer_(server) {}
 
 QVHandoffHTTPConnection::~QVHandoffHTTPConnection() {
-  saveBackFileHandle_.reset();
+  saveBackReceiver_.reset();
   if (!tempFilePath_.empty()) QVRemoveItem(tempFilePath_);
 }
 
@@ -240,10 +216,7 @@ void QVHandoffHTTPConnection::preprocessResponse(QVHTTPHeaders& headers) {
 }
 
 void QVHandoffHTTPConnection::die() {
-  if (!filePathForSaveBackFailNotification_.empty()) {
-    const std::string path = std::exchange(filePathForSaveBackFailNotification_, {});
-    QVHandoffManager::defaultManager()->postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(path);
-  }
+  if (saveBackReceiver_) saveBackReceiver_->connectionDidDie();
   QVHTTPConnection::die();
 }
 
@@ -343,105 +316,44 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::handoffDocumentResponse
 // MARK: Save back
 
 void QVHandoffHTTPConnection::prepareForSaveBack() {
-  replaceTempFilePath(tempFilePath());
-  // Not checked: without the file the upload fails at the move.
-  saveBackFileHandle_ = QVFileHandle::forCreatingAtPath(tempFilePath_);
-  saveBackDecryptor_ = QVHandoffAES256Cryptor::decryptorWithKeyData(handoffServer_.AES256Key());
-
-  auto params = parseGetParams();
-  totalDecryptedData_ = 0;
-  saveBackFileSize_ = numberFromQueryValue(params[QVHandoffSaveBackSizeQueryKey]);
-  const auto modificationDate = dateFormatter().dateFromString(params[QVHandoffSaveBackModificationDateQueryKey]);
-  originalSaveBackFilePath_ = params[QVHandoffSaveBackPathQueryKey];
-  filePathForSaveBackFailNotification_ = originalSaveBackFilePath_;
-  saveBackFilePageNumber_ = numberFromQueryValue(params[QVHandoffSaveBackPageNumberQueryKey]);
-  saveBackFilePDFPoint_ = pointFromQueryValue(params[QVHandoffSaveBackPDFPointQueryKey]);
-
-  const std::string& path = originalSaveBackFilePath_;
-  saveBackFilePath_ = path;
-  // Without a destination (absent, or an invalid escape in it) the upload could only fail at the end.
-  if (path.empty()) {
-    QV_LOG_ERROR("Save back file path not found in request");
-    disconnect();
-    return;
-  }
-  if (!QVFileExists(path)) {
-    const auto parent = std::filesystem::path(path).parent_path();
-    if (!parent.empty()) QVCreateDirectory(parent.string());
-    return;
-  }
-  // Changed here since the handoff: keep both versions, the upload lands beside the document.
-  const auto attributes = QVAttributesOfItem(path, nullptr);
-  const bool unchanged =
-      attributes && attributes->fileSize == saveBackFileSize_ &&
-      QVHandoffManager::date(modificationDate,
-                             QVHandoffManager::latestFileModificationDateForFileAtPath(path));
-  if (!unchanged) saveBackFilePath_ = QVGenerateMacStyleUniquePath(path, 0);
-}
-
-bool QVHandoffHTTPConnection::appendToSaveBackFile(const uint8_t* bytes, size_t length) {
-  if (!saveBackFileHandle_) return true; // the move reports the missing file
-  if (saveBackFileHandle_->write(bytes, length)) return true;
-  // A short file must never replace the document.
-  QV_LOG_ERROR("Couldn't write decrypted data on save back operation");
-  disconnect();
-  return false;
+  const auto manager = QVHandoffManager::defaultManager();
+  QVHandoffSaveBackReceiver::Context context;
+  context.AES256Key = handoffServer_.AES256Key();
+  context.moveFileBlock = manager->moveFileBlock();
+  context.postNotification = postOnMainThread;
+  context.postDidFailNotification = [](const std::string& path) {
+    QVHandoffManager::defaultManager()->postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(path);
+  };
+  context.didSaveBack = [](const std::string& path) {
+    if (auto documentInfo = QVHandoffManager::defaultManager()->localDocumentInfoForFilePath(path)) {
+      documentInfo->setRemoteDeviceName({});
+      documentInfo->setRemoteFilePath({});
+    }
+  };
+  // A kept-alive connection's earlier upload is forgotten with its receiver.
+  saveBackReceiver_ = std::make_unique<QVHandoffSaveBackReceiver>(std::move(context));
+  if (!saveBackReceiver_->prepareForSaveBack(parseGetParams())) disconnect();
 }
 
 void QVHandoffHTTPConnection::processSaveBackData(const uint8_t* bytes, size_t length) {
-  const auto plaintext = saveBackDecryptor_
-                             ? saveBackDecryptor_->updateWithData(bytes, length, saveBackPlaintext_)
-                             : std::nullopt;
-  if (!plaintext) {
-    QV_LOG_ERROR("Couldn't continue descryption on save back operation");
-    disconnect();
-    return;
-  }
-  if (!appendToSaveBackFile(saveBackPlaintext_.data(), *plaintext)) return;
-  totalDecryptedData_ += *plaintext;
-  // The denominator is the old document's size, so this may pass 1 or end below it.
-  if (saveBackFileSize_ != 0) {
-    postSaveBackNotificationWithProgress(static_cast<float>(totalDecryptedData_) /
-                                         static_cast<float>(saveBackFileSize_));
-  }
+  if (!saveBackReceiver_ || !saveBackReceiver_->processSaveBackData(bytes, length)) disconnect();
 }
 
 void QVHandoffHTTPConnection::finishSaveBack() {
-  auto plaintext = saveBackDecryptor_ ? saveBackDecryptor_->finish() : std::nullopt;
-  if (!plaintext) {
-    QV_LOG_ERROR("Couldn't finish decryption on save back operation");
-    disconnect();
-    return;
-  }
-  if (!appendToSaveBackFile(plaintext->data(), plaintext->size())) return;
-  saveBackFileHandle_.reset();
-  postWillSaveBackRemoteDocumentNotification();
-  const auto manager = QVHandoffManager::defaultManager();
-  QVError error;
-  if (!manager->moveSavedBackDocumentAtPath(tempFilePath_, saveBackFilePath_, &error)) {
-    QV_LOG_ERROR("Couldn't move file on save back operation. Error: {}", error.description());
-    disconnect();
-    return;
-  }
-  if (auto documentInfo = manager->localDocumentInfoForFilePath(saveBackFilePath_)) {
-    documentInfo->setRemoteDeviceName({});
-    documentInfo->setRemoteFilePath({});
-  }
-  postSaveBackNotificationWithProgress(1.0f);
-  postDidSaveBackRemoteDocumentNotification();
-  filePathForSaveBackFailNotification_.clear();
+  if (!saveBackReceiver_ || !saveBackReceiver_->finishSaveBack()) disconnect();
 }
 
 std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::saveBackFileResponse() {
+  const std::string saveBackFilePath = saveBackReceiver_ ? saveBackReceiver_->saveBackFilePath() : "";
   QVError error;
-  const auto attributes = QVAttributesOfItem(saveBackFilePath_, &error);
+  const auto attributes = QVAttributesOfItem(saveBackFilePath, &error);
   if (!attributes) {
     QV_LOG_ERROR("Couldn't get file attributes due {}", error.description());
     return serverInternalErrorResponse();
   }
   // The plain file system date, not the overridden one.
   const nlohmann::json object = {
-      {"filePath", saveBackFilePath_},
+      {"filePath", saveBackFilePath},
       {"fileSize", attributes->fileSize},
       {"fileModificationDate", dateFormatter().stringFromDate(attributes->fileModificationDate)}};
   auto data = AES256EncryptedDataWithJSONObject(object);
@@ -450,29 +362,6 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::saveBackFileResponse() 
     return serverInternalErrorResponse();
   }
   return std::make_shared<QVHTTPDataResponse>(std::move(*data));
-}
-
-void QVHandoffHTTPConnection::postSaveBackNotificationWithProgress(float progress) {
-  if (saveBackFilePath_.empty()) return;
-  postOnMainThread(
-      QVHandoffManagerSaveBackFileProgressNotification,
-      {{QVHandoffManagerFilePathKey, saveBackFilePath_}, {QVHandoffManagerProgressKey, progress}});
-}
-
-void QVHandoffHTTPConnection::postWillSaveBackRemoteDocumentNotification() {
-  postSaveBackRemoteDocumentNotificationWithName(QVHandoffManagerWillSaveBackRemoteDocumentNotification);
-}
-
-void QVHandoffHTTPConnection::postDidSaveBackRemoteDocumentNotification() {
-  postSaveBackRemoteDocumentNotificationWithName(QVHandoffManagerDidSaveBackRemoteDocumentNotification);
-}
-
-void QVHandoffHTTPConnection::postSaveBackRemoteDocumentNotificationWithName(const char* name) {
-  if (saveBackFilePath_.empty() || originalSaveBackFilePath_.empty()) return;
-  postOnMainThread(name, {{QVHandoffManagerFilePathKey, saveBackFilePath_},
-                          {QVHandoffManagerOriginalFilePathKey, originalSaveBackFilePath_},
-                          {QVHandoffManagerPageNumberKey, saveBackFilePageNumber_},
-                          {QVHandoffManagerPDFPointKey, saveBackFilePDFPoint_}});
 }
 
 // MARK: Mark as modified and force remote save back

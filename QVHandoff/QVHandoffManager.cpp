@@ -4,6 +4,7 @@
 #include "Foundation/QVMainQueue.h"
 #include "Network/DNSSD/QVNetService.h"
 #include "Network/DNSSD/QVNetServiceBrowser.h"
+#include "QVHandoff/QVHandoffSaveBackReceiver.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
 #include "QVHandoff/QVHandoffiCloudDocumentsPresenter.h"
 
@@ -140,6 +141,7 @@ void QVHandoffManager::startHandoffService() {
   serviceStarted_ = true;
   iCloudWasNotConfiguredOnServiceStart_ = false;
   QV_LOG_INFO("Start handoff service");
+  QVHandoffSaveBackReceiver::sweepLeftovers();
   // Started but silent until the master storage has a service type; its arrival restarts the service.
   if (masterStorage_->serviceType().empty()) return;
   localServer()->setAES256Key(masterStorage_->AES256Key());

@@ -71,17 +71,25 @@ TEST_F(QVFileSystemTest, CopyAndReplacingMoveLeaveNoHalfFiles) {
   EXPECT_EQ(QVReadFile(destination), QVData{9}) << "a failed move leaves the destination as it was";
   ASSERT_TRUE(QVMoveItemReplacing(source, destination, &error));
   EXPECT_EQ(QVReadFile(destination), bytes);
-  ASSERT_TRUE(QVMoveItemReplacing(destination, folder_.file("tree"), &error))
-      << "a file replaces a directory";
-  const auto attributes = QVAttributesOfItem(folder_.file("tree"), &error);
+  // A folder in the way is the user's data: named plainly, with a trailing "/", or reached through a link.
+  fs::create_directory_symlink(folder_.file("tree"), folder_.file("link"));
+  for (const std::string& target : {folder_.file("tree"), folder_.file("tree") + "/", folder_.file("link")}) {
+    EXPECT_FALSE(QVMoveItemReplacing(destination, target, &error)) << target;
+    EXPECT_EQ(error.code, EISDIR) << target;
+  }
+  EXPECT_EQ(QVReadFile(folder_.file("tree/a/b")), (QVData{1, 2}));
+  EXPECT_EQ(QVReadFile(destination), bytes);
+  fs::remove(folder_.file("link"));
+  ASSERT_TRUE(QVMoveItemReplacing(destination, folder_.file("tree/a/b"), &error));
+  const auto attributes = QVAttributesOfItem(folder_.file("tree/a/b"), &error);
   ASSERT_TRUE(attributes);
   EXPECT_EQ(attributes->fileSize, bytes.size());
   EXPECT_FALSE(attributes->isDirectory);
   EXPECT_FALSE(QVAttributesOfItem(folder_.file("absent"), &error));
   EXPECT_TRUE(QVRemoveItem(folder_.file("tree copy")));
   EXPECT_FALSE(QVRemoveItem(folder_.file("tree copy")));
-  EXPECT_FALSE(QVCreateDirectory(folder_.file("tree/below-a-file")));
-  EXPECT_EQ(folder_.entries(), (std::vector<std::string>{"tree"}));
+  EXPECT_FALSE(QVCreateDirectory(folder_.file("tree/a/b/below-a-file")));
+  EXPECT_EQ(folder_.entries(), (std::vector<std::string>{"tree", "tree/a", "tree/a/b"}));
 }
 
 TEST_F(QVFileSystemTest, MoveAcrossFileSystemsGoesThroughAHiddenCopy) {
