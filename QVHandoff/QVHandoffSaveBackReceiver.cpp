@@ -22,7 +22,8 @@
 #include <mutex>
 #include <string_view>
 
-QV_LOG_SOURCE("QVHandoff/QVHandoffHTTPConnection")
+// Its lines are the connection's: hosts and tests match them by that operation.
+QV_LOG_SOURCE_OF("QVHandoff/QVHandoffHTTPConnection", "QVHandoffHTTPConnection")
 
 namespace fs = std::filesystem;
 
