@@ -54,7 +54,11 @@ std::optional<QVPrivateFile> QVCreatePrivateTemporaryFile(QVError* error) {
 
 std::optional<QVPrivateFile> QVCreatePrivateFile(const std::string& folder, const std::string& prefix,
                                                  QVError* error) {
-  std::string path = (std::filesystem::path(folder) / (prefix + QVUUIDString())).string();
+  return QVCreatePrivateFileAtPath((std::filesystem::path(folder) / (prefix + QVUUIDString())).string(),
+                                   error);
+}
+
+std::optional<QVPrivateFile> QVCreatePrivateFileAtPath(std::string path, QVError* error) {
   QVFileDescriptor descriptor(
       ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kPrivateFileMode));
   if (!descriptor) return failed(error, errno);

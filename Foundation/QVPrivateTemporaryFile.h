@@ -22,5 +22,7 @@ std::optional<QVPrivateFile> QVCreatePrivateTemporaryFile(QVError* error);
 // A new 0600 file "<prefix><UUID>" in `folder`, created exclusively.
 std::optional<QVPrivateFile> QVCreatePrivateFile(const std::string& folder, const std::string& prefix,
                                                  QVError* error);
+// A new 0600 file at `path`, created exclusively.
+std::optional<QVPrivateFile> QVCreatePrivateFileAtPath(std::string path, QVError* error);
 // An unnamed 0600 file in `folder` (O_TMPFILE); none where the file system has no unnamed files.
 std::optional<QVPrivateFile> QVCreateUnnamedFile(const std::string& folder, QVError* error);

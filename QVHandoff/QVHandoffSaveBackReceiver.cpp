@@ -174,9 +174,14 @@ bool QVHandoffSaveBackReceiver::createSaveBackFile(QVError* error) {
   // A host's move block is handed a path, so it gets a named file.
   if (defaultMove_) file = QVCreateUnnamedFile(folder.string(), error);
   if (!file) {
-    file = QVCreatePrivateFile(folder.string(), std::string(kSaveBackFilePrefix), error);
-    if (!file) return false;
-    pendingRecordPath_ = recordPendingFile(file->path);
+    // Recorded before it exists, so that no moment is left in which a kill would lose track of it.
+    const std::string path = (folder / (std::string(kSaveBackFilePrefix) + QVUUIDString())).string();
+    pendingRecordPath_ = recordPendingFile(path);
+    file = QVCreatePrivateFileAtPath(path, error);
+    if (!file) {
+      removePendingRecord(pendingRecordPath_);
+      return false;
+    }
   }
   saveBackFile_ = std::make_unique<QVPrivateFile>(std::move(*file));
   return true;
