@@ -7,6 +7,7 @@
 #include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -131,14 +132,9 @@ int copyItem(const std::string& source, const std::string& destination) {
   return error.value();
 }
 
-// rename(2), also over a destination of the other kind or a non-empty directory; 0 or the errno.
+// rename(2), never over a folder: a folder in the way is the user's data, not a stale destination.
 int renameReplacing(const std::string& source, const std::string& destination) {
-  if (::rename(source.c_str(), destination.c_str()) == 0) return 0;
-  const int code = errno;
-  const bool inTheWay = code == EISDIR || code == ENOTDIR || code == ENOTEMPTY || code == EEXIST;
-  if (!inTheWay || !somethingExists(source)) return code;
-  std::error_code ignored;
-  fs::remove_all(destination, ignored);
+  if (QVIsFolderTarget(destination)) return EISDIR;
   return ::rename(source.c_str(), destination.c_str()) == 0 ? 0 : errno;
 }
 
@@ -156,6 +152,7 @@ bool QVMoveItemReplacing(const std::string& source, const std::string& destinati
 
   // Across file systems the copy goes to a hidden name beside the destination first, so that the destination
   // is only ever the old item or the whole new one.
+  if (QVIsFolderTarget(destination)) return fail(error, EISDIR);
   const fs::path destinationPath(destination);
   const std::string temporary = (destinationPath.parent_path() / (".qvmove-" + QVUUIDString())).string();
   if (const int copyCode = copyItem(source, temporary); copyCode != 0) return fail(error, copyCode);
@@ -206,4 +203,63 @@ bool QVRemoveItem(const std::string& path) {
 
 QVError QVErrorFromErrno(int code) {
   return QVError{QVPOSIXErrorDomain, code, {}};
+}
+
+bool QVIsFolderTarget(const std::string& path) {
+  if (!path.empty() && path.back() == '/') return true;
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool QVWriteAll(int descriptor, const uint8_t* bytes, size_t length) {
+  for (size_t done = 0; done < length;) {
+    const ssize_t written = ::write(descriptor, bytes + done, length - done);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<size_t>(written);
+  }
+  return true;
+}
+
+bool QVCopyOwnerModeAndAttributes(const std::string& path, int descriptor) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) return false;
+  // Only root may give a file away; the group may still be one of ours. Before the mode: chown clears set-id
+  // bits.
+  if (fchown(descriptor, info.st_uid, info.st_gid) != 0)
+    (void)fchown(descriptor, static_cast<uid_t>(-1), info.st_gid);
+  (void)fchmod(descriptor, info.st_mode & 07777);
+  const ssize_t listSize = listxattr(path.c_str(), nullptr, 0);
+  if (listSize <= 0) return true;
+  std::vector<char> names(static_cast<size_t>(listSize));
+  const ssize_t listed = listxattr(path.c_str(), names.data(), names.size());
+  if (listed <= 0) return true;
+  std::vector<uint8_t> value;
+  for (size_t start = 0; start < static_cast<size_t>(listed);) {
+    const char* name = names.data() + start;
+    start += std::char_traits<char>::length(name) + 1;
+    const ssize_t size = getxattr(path.c_str(), name, nullptr, 0);
+    if (size < 0) continue;
+    value.resize(static_cast<size_t>(size));
+    const ssize_t read = getxattr(path.c_str(), name, value.data(), value.size());
+    // Attributes of namespaces this process may not write (security, trusted) are the system's to keep.
+    if (read >= 0) (void)fsetxattr(descriptor, name, value.data(), static_cast<size_t>(read), 0);
+  }
+  return true;
+}
+
+bool QVLinkOpenFile(int descriptor, const std::string& path, QVError* error) {
+  // AT_EMPTY_PATH needs a capability; the descriptor's /proc link does the same for anyone.
+  const std::string procPath = "/proc/self/fd/" + std::to_string(descriptor);
+  if (linkat(AT_FDCWD, procPath.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0) return true;
+  return fail(error, errno);
+}
+
+bool QVSyncParentFolder(const std::string& path) {
+  fs::path parent = fs::path(path).parent_path();
+  if (parent.empty()) parent = ".";
+  QVDescriptor folder(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return folder.get() >= 0 && fsync(folder.get()) == 0;
 }

@@ -18,7 +18,8 @@ struct QVFileAttributes {
 
 // Copies a file (or a directory tree) to a destination that must not exist yet.
 bool QVCopyItem(const std::string& source, const std::string& destination, QVError* error);
-// Moves source to destination, replacing whatever is there; works across file systems.
+// Moves source to destination, replacing a file there; works across file systems. A folder is never removed
+// or replaced, nor one reached through a link or named with a trailing "/": that fails with EISDIR.
 bool QVMoveItemReplacing(const std::string& source, const std::string& destination, QVError* error);
 std::optional<QVFileAttributes> QVAttributesOfItem(const std::string& path, QVError* error);
 bool QVFileExists(const std::string& path, bool* isDirectory = nullptr);
@@ -27,3 +28,15 @@ bool QVCreateDirectory(const std::string& path);
 // Removes a file or a directory tree; false when nothing was there or it could not be removed.
 bool QVRemoveItem(const std::string& path);
 QVError QVErrorFromErrno(int code);
+
+// The path ends in "/" or names a folder, directly or through a symbolic link.
+bool QVIsFolderTarget(const std::string& path);
+// Writes all of `bytes`; false (errno set) on a failure.
+bool QVWriteAll(int descriptor, const uint8_t* bytes, size_t length);
+// Gives the open file the owner (when permitted), mode and extended attributes of the item at `path`, so that
+// a replacement keeps what the user set on the original; false when `path` cannot be read.
+bool QVCopyOwnerModeAndAttributes(const std::string& path, int descriptor);
+// Gives the open file (named or unnamed) the name `path`, atomically; EEXIST when something is there.
+bool QVLinkOpenFile(int descriptor, const std::string& path, QVError* error);
+// Flushes the folder holding `path`, so that a rename or a link made in it survives a crash.
+bool QVSyncParentFolder(const std::string& path);

@@ -43,6 +43,12 @@ std::string QVCachesDirectoryAdd(const std::string& name) {
   return (caches / name).string();
 }
 
+std::string QVStateDirectoryAdd(const std::string& name) {
+  if (auto xdg = absolutePathFromEnvironment("XDG_STATE_HOME"))
+    return (std::filesystem::path(*xdg) / name).string();
+  return (std::filesystem::path(homeDirectory()) / ".local" / "state" / name).string();
+}
+
 std::string QVGenerateMacStyleUniquePath(const std::string& path, int start) {
   std::filesystem::path original(path);
   while (original.has_relative_path() && !original.has_filename())

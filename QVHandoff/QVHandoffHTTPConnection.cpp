@@ -1,7 +1,6 @@
 #include "QVHandoff/QVHandoffHTTPConnection.h"
 
 #include "Foundation/QVDateFormatting.h"
-#include "Foundation/QVFileHandle.h"
 #include "Foundation/QVFileOperations.h"
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
@@ -10,13 +9,13 @@
 #include "Foundation/QVUUID.h"
 #include "Network/HTTPServer/QVHTTPDataResponse.h"
 #include "Network/HTTPServer/QVHTTPErrorResponse.h"
-#include "QVHandoff/QVHandoffAES256Cryptor.h"
 #include "QVHandoff/QVHandoffAES256FileResponse.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffHTTPServer.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffProtocol.h"
 #include "QVHandoff/QVHandoffRequestValues.h"
+#include "QVHandoff/QVHandoffSaveBackReceiver.h"
 #include "QVHandoff/QVHandoffServerContext.h"
 
 #include <algorithm>
@@ -31,8 +30,6 @@ namespace {
 using QVHandoffRequestValues::contentTypeForPath;
 using QVHandoffRequestValues::scalarValue;
 using QVHandoffRequestValues::stringValue;
-using QVHandoffRequestValues::numberFromQueryValue;
-using QVHandoffRequestValues::pointFromQueryValue;
 
 } // namespace
 
@@ -40,7 +37,7 @@ QVHandoffHTTPConnection::QVHandoffHTTPConnection(QVHandoffHTTPServer& server)
     : QVHTTPConnection(server), handoffServer_(server) {}
 
 QVHandoffHTTPConnection::~QVHandoffHTTPConnection() {
-  saveBackFileHandle_.reset();
+  saveBackReceiver_.reset();
   if (!tempFilePath_.empty()) QVRemoveItem(tempFilePath_);
 }
 
@@ -206,12 +203,7 @@ void QVHandoffHTTPConnection::preprocessResponse(QVHTTPHeaders& headers) {
 }
 
 void QVHandoffHTTPConnection::die() {
-  if (!filePathForSaveBackFailNotification_.empty()) {
-    performOnMainThread(
-        [path = std::exchange(filePathForSaveBackFailNotification_, {})](QVHandoffServerContext& context) {
-          context.postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(path);
-        });
-  }
+  if (saveBackReceiver_) saveBackReceiver_->connectionDidDie();
   QVHTTPConnection::die();
 }
 
@@ -313,103 +305,52 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::handoffDocumentResponse
 // MARK: Save back
 
 void QVHandoffHTTPConnection::prepareForSaveBack() {
-  replaceTempFilePath(tempFilePath());
-  // Not checked: without the file the upload fails at the move.
-  saveBackFileHandle_ = QVFileHandle::forCreatingAtPath(tempFilePath_);
-  saveBackDecryptor_ = QVHandoffAES256Cryptor::decryptorWithKeyData(handoffServer_.AES256Key());
-
-  auto params = parseGetParams();
-  totalDecryptedData_ = 0;
-  saveBackFileSize_ = numberFromQueryValue(params[QVHandoffSaveBackSizeQueryKey]);
-  const auto modificationDate = dateFormatter().dateFromString(params[QVHandoffSaveBackModificationDateQueryKey]);
-  originalSaveBackFilePath_ = params[QVHandoffSaveBackPathQueryKey];
-  filePathForSaveBackFailNotification_ = originalSaveBackFilePath_;
-  saveBackFilePageNumber_ = numberFromQueryValue(params[QVHandoffSaveBackPageNumberQueryKey]);
-  saveBackFilePDFPoint_ = pointFromQueryValue(params[QVHandoffSaveBackPDFPointQueryKey]);
-
-  const std::string& path = originalSaveBackFilePath_;
-  saveBackFilePath_ = path;
-  // Without a destination (absent, or an invalid escape in it) the upload could only fail at the end.
-  if (path.empty()) {
-    QV_LOG_ERROR("Save back file path not found in request");
+  const auto serverContext = context();
+  if (!serverContext) {
     disconnect();
     return;
   }
-  if (!QVFileExists(path)) {
-    const auto parent = std::filesystem::path(path).parent_path();
-    if (!parent.empty()) QVCreateDirectory(parent.string());
-    return;
-  }
-  // Changed here since the handoff: keep both versions, the upload lands beside the document.
-  const auto attributes = QVAttributesOfItem(path, nullptr);
-  const bool unchanged =
-      attributes && attributes->fileSize == saveBackFileSize_ &&
-      QVHandoffManager::date(modificationDate,
-                             QVHandoffManager::latestFileModificationDateForFileAtPath(path));
-  if (!unchanged) saveBackFilePath_ = QVGenerateMacStyleUniquePath(path, 0);
-}
-
-bool QVHandoffHTTPConnection::appendToSaveBackFile(const uint8_t* bytes, size_t length) {
-  if (!saveBackFileHandle_) return true; // the move reports the missing file
-  if (saveBackFileHandle_->write(bytes, length)) return true;
-  // A short file must never replace the document.
-  QV_LOG_ERROR("Couldn't write decrypted data on save back operation");
-  disconnect();
-  return false;
+  QVHandoffSaveBackReceiver::Context receiverContext;
+  receiverContext.AES256Key = handoffServer_.AES256Key();
+  receiverContext.moveFileBlock = serverContext->moveFileBlock();
+  receiverContext.postNotification = [this](const char* name, QVUserInfo userInfo) {
+    postOnMainThread(name, std::move(userInfo));
+  };
+  receiverContext.postDidFailNotification = [this](const std::string& path) {
+    performOnMainThread([path](QVHandoffServerContext& context) {
+      context.postDidFailSaveBackRemoteDocumentNotificationForLocalFilePath(path);
+    });
+  };
+  receiverContext.didSaveBack = [this](const std::string& path) {
+    performOnMainThread([path](QVHandoffServerContext& context) {
+      if (auto documentInfo = context.localDocumentInfoForFilePath(path))
+        context.setRemoteMarks(*documentInfo, {}, {});
+    });
+  };
+  // A kept-alive connection's earlier upload is forgotten with its receiver.
+  saveBackReceiver_ = std::make_unique<QVHandoffSaveBackReceiver>(std::move(receiverContext));
+  if (!saveBackReceiver_->prepareForSaveBack(parseGetParams())) disconnect();
 }
 
 void QVHandoffHTTPConnection::processSaveBackData(const uint8_t* bytes, size_t length) {
-  const auto plaintext = saveBackDecryptor_
-                             ? saveBackDecryptor_->updateWithData(bytes, length, saveBackPlaintext_)
-                             : std::nullopt;
-  if (!plaintext) {
-    QV_LOG_ERROR("Couldn't continue descryption on save back operation");
-    disconnect();
-    return;
-  }
-  if (!appendToSaveBackFile(saveBackPlaintext_.data(), *plaintext)) return;
-  totalDecryptedData_ += *plaintext;
-  // The denominator is the old document's size, so this may pass 1 or end below it.
-  if (saveBackFileSize_ != 0) {
-    postSaveBackNotificationWithProgress(static_cast<float>(totalDecryptedData_) /
-                                         static_cast<float>(saveBackFileSize_));
-  }
+  if (!saveBackReceiver_ || !saveBackReceiver_->processSaveBackData(bytes, length)) disconnect();
 }
 
 void QVHandoffHTTPConnection::finishSaveBack() {
-  auto plaintext = saveBackDecryptor_ ? saveBackDecryptor_->finish() : std::nullopt;
-  if (!plaintext) {
-    QV_LOG_ERROR("Couldn't finish decryption on save back operation");
-    disconnect();
-    return;
-  }
-  if (!appendToSaveBackFile(plaintext->data(), plaintext->size())) return;
-  saveBackFileHandle_.reset();
-  postWillSaveBackRemoteDocumentNotification();
-  const auto context = handoffServer_.context();
-  QVError error = QVHandoffManager::internalError();
-  if (!context || !context->moveSavedBackDocumentAtPath(tempFilePath_, saveBackFilePath_, &error)) {
-    QV_LOG_ERROR("Couldn't move file on save back operation. Error: {}", error.description());
-    disconnect();
-    return;
-  }
-  if (auto documentInfo = context->localDocumentInfoForFilePath(saveBackFilePath_))
-    setRemoteMarks(documentInfo, {}, {});
-  postSaveBackNotificationWithProgress(1.0f);
-  postDidSaveBackRemoteDocumentNotification();
-  filePathForSaveBackFailNotification_.clear();
+  if (!saveBackReceiver_ || !saveBackReceiver_->finishSaveBack()) disconnect();
 }
 
 std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::saveBackFileResponse() {
+  const std::string saveBackFilePath = saveBackReceiver_ ? saveBackReceiver_->saveBackFilePath() : "";
   QVError error;
-  const auto attributes = QVAttributesOfItem(saveBackFilePath_, &error);
+  const auto attributes = QVAttributesOfItem(saveBackFilePath, &error);
   if (!attributes) {
     QV_LOG_ERROR("Couldn't get file attributes due {}", error.description());
     return serverInternalErrorResponse();
   }
   // The plain file system date, not the overridden one.
   const nlohmann::json object = {
-      {"filePath", saveBackFilePath_},
+      {"filePath", saveBackFilePath},
       {"fileSize", attributes->fileSize},
       {"fileModificationDate", dateFormatter().stringFromDate(attributes->fileModificationDate)}};
   auto data = AES256EncryptedDataWithJSONObject(object);
@@ -418,29 +359,6 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::saveBackFileResponse() 
     return serverInternalErrorResponse();
   }
   return std::make_shared<QVHTTPDataResponse>(std::move(*data));
-}
-
-void QVHandoffHTTPConnection::postSaveBackNotificationWithProgress(float progress) {
-  if (saveBackFilePath_.empty()) return;
-  postOnMainThread(
-      QVHandoffManagerSaveBackFileProgressNotification,
-      {{QVHandoffManagerFilePathKey, saveBackFilePath_}, {QVHandoffManagerProgressKey, progress}});
-}
-
-void QVHandoffHTTPConnection::postWillSaveBackRemoteDocumentNotification() {
-  postSaveBackRemoteDocumentNotificationWithName(QVHandoffManagerWillSaveBackRemoteDocumentNotification);
-}
-
-void QVHandoffHTTPConnection::postDidSaveBackRemoteDocumentNotification() {
-  postSaveBackRemoteDocumentNotificationWithName(QVHandoffManagerDidSaveBackRemoteDocumentNotification);
-}
-
-void QVHandoffHTTPConnection::postSaveBackRemoteDocumentNotificationWithName(const char* name) {
-  if (saveBackFilePath_.empty() || originalSaveBackFilePath_.empty()) return;
-  postOnMainThread(name, {{QVHandoffManagerFilePathKey, saveBackFilePath_},
-                          {QVHandoffManagerOriginalFilePathKey, originalSaveBackFilePath_},
-                          {QVHandoffManagerPageNumberKey, saveBackFilePageNumber_},
-                          {QVHandoffManagerPDFPointKey, saveBackFilePDFPoint_}});
 }
 
 // MARK: Mark as modified and force remote save back

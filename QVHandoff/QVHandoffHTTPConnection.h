@@ -19,10 +19,9 @@
 #include <optional>
 #include <string>
 
-class QVFileHandle;
-class QVHandoffAES256Cryptor;
 class QVHandoffDocumentInfo;
 class QVHandoffHTTPServer;
+class QVHandoffSaveBackReceiver;
 class QVHandoffServerContext;
 
 class QVHandoffHTTPConnection : public QVHTTPConnection {
@@ -73,12 +72,6 @@ protected:
   std::shared_ptr<QVHTTPResponse> markAsModifiedFileResponse();
   std::shared_ptr<QVHTTPResponse> forceRemoteSaveBackFileResponse();
 
-  // Notifications of a save back received from a peer, on the main thread while this connection waits.
-  void postSaveBackNotificationWithProgress(float progress);
-  void postWillSaveBackRemoteDocumentNotification();
-  void postDidSaveBackRemoteDocumentNotification();
-  void postSaveBackRemoteDocumentNotificationWithName(const char* name);
-
   // The owning manager's side, or none (logged) once it is gone.
   std::shared_ptr<QVHandoffServerContext> context() const;
   // Runs `task` on the main thread while this connection waits, unless the server stops meanwhile: then
@@ -95,7 +88,6 @@ private:
   void prepareForSaveBack();
   void processSaveBackData(const uint8_t* bytes, size_t length);
   void finishSaveBack();
-  bool appendToSaveBackFile(const uint8_t* bytes, size_t length);
   // Removes the previous temporary file: a kept-alive connection may serve several requests.
   void replaceTempFilePath(std::string path);
 
@@ -104,17 +96,7 @@ private:
   uint64_t bodyLength_ = 0;
 
   QVData requestBody_;
-  uint64_t saveBackFileSize_ = 0;
-  uint64_t totalDecryptedData_ = 0;
-  std::unique_ptr<QVHandoffAES256Cryptor> saveBackDecryptor_;
-  // Every piece of the upload is decrypted into this one buffer.
-  QVData saveBackPlaintext_;
-  std::shared_ptr<QVFileHandle> saveBackFileHandle_;
-  std::string saveBackFilePath_;
-  std::string filePathForSaveBackFailNotification_;
-  std::string originalSaveBackFilePath_;
-  uint64_t saveBackFilePageNumber_ = 0;
-  QVPoint saveBackFilePDFPoint_;
+  std::unique_ptr<QVHandoffSaveBackReceiver> saveBackReceiver_;
   std::string tempFilePath_;
   std::string contentType_;
 };

@@ -42,10 +42,9 @@ public:
     const auto manager = this->manager();
     return manager ? manager->copyHandoffDocumentAtPath(path, toPath, error) : failed(error);
   }
-  bool moveSavedBackDocumentAtPath(const std::string& path, const std::string& toOriginalPath,
-                                   QVError* error) override {
+  QVHandoffMoveFileBlock moveFileBlock() const override {
     const auto manager = this->manager();
-    return manager ? manager->moveSavedBackDocumentAtPath(path, toOriginalPath, error) : failed(error);
+    return manager ? manager->moveFileBlock() : QVHandoffMoveFileBlock();
   }
   std::optional<QVFileAttributes> attributesOfHandoffDocumentAtPath(const std::string& path,
                                                                     QVError* error) const override {

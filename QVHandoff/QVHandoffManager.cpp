@@ -3,6 +3,7 @@
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
+#include "QVHandoff/QVHandoffSaveBackReceiver.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
 #include "QVHandoff/QVHandoffiCloudDocumentsPresenter.h"
 
@@ -137,6 +138,7 @@ void QVHandoffManager::startHandoffService() {
   serviceStarted_ = true;
   iCloudWasNotConfiguredOnServiceStart_ = false;
   QV_LOG_INFO("Start handoff service");
+  QVHandoffSaveBackReceiver::sweepLeftovers();
   // Started but silent until the master storage has a service type; its arrival restarts the service.
   if (masterStorage_->serviceType().empty()) return;
   localServer()->setAES256Key(masterStorage_->AES256Key());

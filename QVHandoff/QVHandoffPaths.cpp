@@ -35,6 +35,14 @@ std::string defaultFolder() {
   return folder;
 }
 
+std::string stateFolder() {
+  std::string folder = QVStateDirectoryAdd(QVHandoffDirectoryName);
+  QVCreateDirectory(folder);
+  std::error_code ignored;
+  fs::permissions(folder, fs::perms::owner_all, fs::perm_options::replace, ignored);
+  return folder;
+}
+
 std::string filePath(const std::string& folder, const QVHandoffDocumentInfo& documentInfo) {
   fs::path path(folder);
   appendComponents(path, documentInfo.deviceName());

@@ -10,6 +10,9 @@ namespace QVHandoffPaths {
 
 // The user's handoff folder in the caches directory, created when missing.
 std::string defaultFolder();
+// The library's folder in the user's state directory (the copy index, records of unfinished save backs),
+// created 0700 when missing.
+std::string stateFolder();
 // "<folder>/<device name>/<peer's path>"; the parent folders are created. A peer's names never lead out
 // of `folder`.
 std::string filePath(const std::string& folder, const QVHandoffDocumentInfo& documentInfo);

@@ -6,12 +6,17 @@
 #include "Foundation/QVTypes.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 class QVHandoffDocumentInfo;
+
+// As the manager declares it: how a saved-back upload replaces the original.
+using QVHandoffMoveFileBlock =
+    std::function<bool(const std::string& sourcePath, const std::string& destinationPath, QVError* error)>;
 
 class QVHandoffServerContext {
 public:
@@ -28,8 +33,9 @@ public:
   // Through the host's copy, move and attributes blocks; the copy posts the will-handoff notification.
   virtual bool copyHandoffDocumentAtPath(const std::string& path, const std::string& toPath,
                                          QVError* error) = 0;
-  virtual bool moveSavedBackDocumentAtPath(const std::string& path, const std::string& toOriginalPath,
-                                           QVError* error) = 0;
+  // The host's move block: a save back hands it its upload unless it is the default one, which the
+  // receiver replaces with an atomic move of its own.
+  virtual QVHandoffMoveFileBlock moveFileBlock() const = 0;
   virtual std::optional<QVFileAttributes> attributesOfHandoffDocumentAtPath(const std::string& path,
                                                                             QVError* error) const = 0;
 

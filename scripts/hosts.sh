@@ -30,7 +30,8 @@ hosts_create() {
 # its own interface under one host name (stacks that share a namespace must share it).
 host_command() {
   local letter=$1 ns_var="QV_NS_$1" if_var="QV_IF_$1"
-  HOST_COMMAND=(ip netns exec "${!ns_var}" env "XDG_CACHE_HOME=$HOSTS_WORK/cache-$letter" "$QVHANDOFF"
+  HOST_COMMAND=(ip netns exec "${!ns_var}" env "XDG_CACHE_HOME=$HOSTS_WORK/cache-$letter"
+    "XDG_STATE_HOME=$HOSTS_WORK/state-$letter" "$QVHANDOFF"
     --dnssd embedded --interface "${!if_var}" --host-name "host-${letter,,}")
 }
 

@@ -10,7 +10,8 @@ packages=(
   libspdlog-dev libfmt-dev
   nlohmann-json3-dev
   libplist-dev libplist-utils
-  libglib2.0-dev shared-mime-info
+  libglib2.0-dev libglib2.0-bin shared-mime-info
+  libsqlite3-dev dosfstools
   uuid-dev
   libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev

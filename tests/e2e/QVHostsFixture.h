@@ -94,7 +94,8 @@ protected:
     std::vector<std::string> argv = {"ip", "netns", "exec", h.netns};
     if (daemons) argv = {"nsenter", "-t", std::to_string(daemons->pid()), "-m", "-n"};
     argv.insert(argv.end(),
-                {"env", "XDG_CACHE_HOME=" + work_.file("cache-" + h.letter), QVHosts::kTool, "--container",
+                {"env", "XDG_CACHE_HOME=" + work_.file("cache-" + h.letter),
+                 "XDG_STATE_HOME=" + work_.file("state-" + h.letter), QVHosts::kTool, "--container",
                  containerPath, "--product-name", "Host " + h.letter, "--log-level", "debug", "--dnssd"});
     if (daemons) {
       argv.push_back("auto");

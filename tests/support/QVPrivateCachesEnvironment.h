@@ -1,6 +1,6 @@
 #pragma once
 // The shared manager keeps the first handoff folder it computes: including this gives the whole test binary
-// a private cache folder before anything asks, so no test writes into the user's real caches.
+// a private cache and state folder before anything asks, so no test writes into the user's real caches.
 
 #include "QVHandoff/QVHandoffManager.h"
 #include "support/QVTestSupport.h"
@@ -13,6 +13,7 @@ public:
   void SetUp() override {
     caches_ = std::make_unique<QVTemporaryFolder>();
     setenv("XDG_CACHE_HOME", caches_->path().c_str(), 1);
+    setenv("XDG_STATE_HOME", (caches_->path() / "state").c_str(), 1);
     QVHandoffManager::defaultHandoffDirectoryPath();
   }
   void TearDown() override { caches_.reset(); }

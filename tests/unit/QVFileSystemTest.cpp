@@ -2,14 +2,17 @@
 #include "Foundation/QVFileOperations.h"
 #include "Foundation/QVMIMEType.h"
 #include "Foundation/QVPaths.h"
+#include "Foundation/QVPrivateTemporaryFile.h"
 #include "Foundation/QVUUID.h"
 #include "support/QVTestSupport.h"
 
 #include <string_view>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 namespace fs = std::filesystem;
 
@@ -71,17 +74,25 @@ TEST_F(QVFileSystemTest, CopyAndReplacingMoveLeaveNoHalfFiles) {
   EXPECT_EQ(QVReadFile(destination), QVData{9}) << "a failed move leaves the destination as it was";
   ASSERT_TRUE(QVMoveItemReplacing(source, destination, &error));
   EXPECT_EQ(QVReadFile(destination), bytes);
-  ASSERT_TRUE(QVMoveItemReplacing(destination, folder_.file("tree"), &error))
-      << "a file replaces a directory";
-  const auto attributes = QVAttributesOfItem(folder_.file("tree"), &error);
+  // A folder in the way is the user's data: named plainly, with a trailing "/", or reached through a link.
+  fs::create_directory_symlink(folder_.file("tree"), folder_.file("link"));
+  for (const std::string& target : {folder_.file("tree"), folder_.file("tree") + "/", folder_.file("link")}) {
+    EXPECT_FALSE(QVMoveItemReplacing(destination, target, &error)) << target;
+    EXPECT_EQ(error.code, EISDIR) << target;
+  }
+  EXPECT_EQ(QVReadFile(folder_.file("tree/a/b")), (QVData{1, 2}));
+  EXPECT_EQ(QVReadFile(destination), bytes);
+  fs::remove(folder_.file("link"));
+  ASSERT_TRUE(QVMoveItemReplacing(destination, folder_.file("tree/a/b"), &error));
+  const auto attributes = QVAttributesOfItem(folder_.file("tree/a/b"), &error);
   ASSERT_TRUE(attributes);
   EXPECT_EQ(attributes->fileSize, bytes.size());
   EXPECT_FALSE(attributes->isDirectory);
   EXPECT_FALSE(QVAttributesOfItem(folder_.file("absent"), &error));
   EXPECT_TRUE(QVRemoveItem(folder_.file("tree copy")));
   EXPECT_FALSE(QVRemoveItem(folder_.file("tree copy")));
-  EXPECT_FALSE(QVCreateDirectory(folder_.file("tree/below-a-file")));
-  EXPECT_EQ(folder_.entries(), (std::vector<std::string>{"tree"}));
+  EXPECT_FALSE(QVCreateDirectory(folder_.file("tree/a/b/below-a-file")));
+  EXPECT_EQ(folder_.entries(), (std::vector<std::string>{"tree", "tree/a", "tree/a/b"}));
 }
 
 TEST_F(QVFileSystemTest, MoveAcrossFileSystemsGoesThroughAHiddenCopy) {
@@ -97,4 +108,48 @@ TEST_F(QVFileSystemTest, MoveAcrossFileSystemsGoesThroughAHiddenCopy) {
   EXPECT_EQ(QVReadFile(folder_.file("original.pdf")), QVTestBytes(100000, 3));
   EXPECT_FALSE(QVFileExists(source));
   EXPECT_EQ(folder_.entries(), (std::vector<std::string>{"original.pdf"}));
+}
+
+TEST_F(QVFileSystemTest, PrivateFilesAreTheUsersAloneAndUnnamedOnesAppearWhole) {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  const std::string previousRuntime = runtime ? runtime : "";
+  unsetenv("XDG_RUNTIME_DIR");
+  setenv("TMPDIR", folder_.path().c_str(), 1);
+  const auto privateFolder = QVPrivateTemporaryDirectory();
+  ASSERT_TRUE(privateFolder);
+  EXPECT_EQ(fs::status(*privateFolder).permissions() & fs::perms::all, fs::perms::owner_all);
+  QVError error;
+  const auto file = QVCreatePrivateTemporaryFile(&error);
+  ASSERT_TRUE(file) << error.description();
+  EXPECT_EQ(fs::path(file->path).parent_path(), *privateFolder);
+  EXPECT_EQ(fs::status(file->path).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
+  // A folder that others may enter is refused, never repaired: someone may already hold a way in.
+  fs::permissions(*privateFolder, fs::perms::owner_all | fs::perms::others_exec);
+  EXPECT_FALSE(QVPrivateTemporaryDirectory());
+  EXPECT_FALSE(QVCreatePrivateTemporaryFile(&error));
+  unsetenv("TMPDIR");
+  if (!previousRuntime.empty()) setenv("XDG_RUNTIME_DIR", previousRuntime.c_str(), 1);
+
+  // An unnamed file takes the original's mode and attributes, and gets a name only once, atomically.
+  const std::string original = folder_.file("original.pdf");
+  QVWriteFile(original, {1});
+  fs::permissions(original, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+  ASSERT_EQ(setxattr(original.c_str(), "user.label", "red", 3, 0), 0);
+  const auto entries = folder_.entries();
+  auto unnamed = QVCreateUnnamedFile(folder_.path().string(), &error);
+  if (!unnamed) GTEST_SKIP() << "no unnamed files on this file system: " << error.description();
+  ASSERT_TRUE(QVWriteAll(unnamed->descriptor.get(), QVTestBytes(70000).data(), 70000));
+  EXPECT_EQ(folder_.entries(), entries) << "nothing shows before it is linked";
+  ASSERT_TRUE(QVCopyOwnerModeAndAttributes(original, unnamed->descriptor.get()));
+  EXPECT_FALSE(QVLinkOpenFile(unnamed->descriptor.get(), original, &error));
+  EXPECT_EQ(error.code, EEXIST);
+  ASSERT_TRUE(QVLinkOpenFile(unnamed->descriptor.get(), folder_.file("original 2.pdf"), &error));
+  EXPECT_EQ(QVReadFile(folder_.file("original 2.pdf")), QVTestBytes(70000));
+  EXPECT_EQ(fs::status(folder_.file("original 2.pdf")).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+  char label[8] = {};
+  EXPECT_EQ(getxattr(folder_.file("original 2.pdf").c_str(), "user.label", label, sizeof(label)), 3);
+  EXPECT_STREQ(label, "red");
+  EXPECT_TRUE(QVSyncParentFolder(original));
 }

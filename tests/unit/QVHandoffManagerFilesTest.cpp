@@ -1,6 +1,12 @@
 #include "Foundation/QVExtendedAttributes.h"
 #include "Foundation/QVLog.h"
+#include "QVHandoff/QVHandoffCopyIndex.h"
+#include "QVHandoff/QVHandoffPaths.h"
 #include "support/QVPrivateCachesEnvironment.h"
+
+#include <fmt/format.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -162,4 +168,95 @@ TEST_F(QVHandoffManagerFilesTest, TheHandoffIsAnnouncedBeforeItsCopyAndSuccessCl
   EXPECT_EQ(error, QVError{});
   EXPECT_FALSE(manager->moveSavedBackDocumentAtPath(folder_.file("gone"), original, &error));
   EXPECT_EQ(error.code, ENOENT);
+}
+
+namespace {
+
+// How editors save: a new file written beside the copy and renamed over it, attributes and all gone.
+void saveByRename(const std::string& path, const QVData& content) {
+  const std::string temporary = path + ".new";
+  QVWriteFile(temporary, content);
+  fs::rename(temporary, path);
+}
+
+} // namespace
+
+TEST_F(QVHandoffManagerFilesTest, TagsSurviveASaveByRenameThroughTheIndex) {
+  const auto source = remoteDocument();
+  QVHandoffManager::addDocumentInfo(*source, copy_);
+  saveByRename(copy_, QVTestBytes(20, 2));
+  ASSERT_FALSE(QVGetExtendedAttribute(copy_, QVHandoffFilePathAttributeName));
+  auto read = QVHandoffManager::documentInfoForFileAtPath(copy_);
+  ASSERT_TRUE(read);
+  EXPECT_TRUE(read->isEqualToDocumentInfo(*source));
+  EXPECT_EQ(std::make_tuple(read->deviceType(), read->productName(), read->contentType()),
+            std::make_tuple(source->deviceType(), source->productName(), source->contentType()));
+  EXPECT_EQ(QVHandoffManager::stringForXattrName(QVHandoffFilePathAttributeName, copy_), source->filePath())
+      << "the index gives the tags back to the file";
+  EXPECT_TRUE(log_.lines().empty());
+
+  // Re-tagging (as a save back does) changes both places; a relative path names the same copy.
+  source->setFilePath("/Users/a/Report 2.pdf");
+  source->setFileSize(7);
+  QVHandoffManager::addDocumentInfo(*source, copy_);
+  saveByRename(copy_, QVTestBytes(30, 3));
+  const fs::path workingFolder = fs::current_path();
+  fs::current_path(folder_.path());
+  read = QVHandoffManager::documentInfoForFileAtPath("./copy.pdf");
+  fs::current_path(workingFolder);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(std::make_tuple(read->filePath(), read->fileSize()),
+            std::make_tuple(source->filePath(), source->fileSize()));
+
+  // Untagging removes both; the content type stays, as it does in the attributes.
+  QVHandoffManager::removeDocumentInfoFromFileAtPath(copy_);
+  saveByRename(copy_, QVTestBytes(40, 4));
+  EXPECT_FALSE(QVHandoffManager::documentInfoForFileAtPath(copy_));
+  EXPECT_EQ(QVHandoffManager::handoffContentTypeForFileAtPath(copy_), "com.adobe.pdf");
+
+  // Entries of copies that are gone are dropped; a file that was never tagged is simply untagged.
+  const std::string other = folder_.file("other.pdf");
+  QVWriteFile(other, {1});
+  QVHandoffManager::addDocumentInfo(*source, other);
+  fs::remove(other);
+  EXPECT_GE(QVHandoffCopyIndex::shared().dropStale(), 1u);
+  EXPECT_FALSE(QVHandoffCopyIndex::shared().tags(other));
+  QVWriteFile(other, {1});
+  EXPECT_FALSE(QVHandoffManager::documentInfoForFileAtPath(other));
+
+  // Kept where only this user can read it.
+  const fs::path state = QVHandoffPaths::stateFolder();
+  EXPECT_EQ(fs::status(state).permissions() & fs::perms::all, fs::perms::owner_all);
+  EXPECT_EQ(fs::status(state / "copies.sqlite").permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST_F(QVHandoffManagerFilesTest, TwoProcessesRecordCopiesInTheIndexAtOnce) {
+  // A running server and a one-shot command: each process has its own connection to the one database.
+  constexpr int kCopiesPerProcess = 150;
+  auto record = [&](const char* prefix) {
+    QVHandoffCopyIndex index;
+    bool all = true;
+    for (int i = 0; i < kCopiesPerProcess; ++i) {
+      const std::string path = folder_.file(fmt::format("{}-{}.pdf", prefix, i));
+      QVWriteFile(path, {});
+      all = index.setTags(path, {{QVHandoffFilePathAttributeName, {'x'}}, {"n", {uint8_t(i)}}}) && all;
+    }
+    return all;
+  };
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) _exit(record("child") ? 0 : 1);
+  EXPECT_TRUE(record("parent"));
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a write of the other process failed";
+  QVHandoffCopyIndex index;
+  for (const char* prefix : {"child", "parent"}) {
+    for (int i = 0; i < kCopiesPerProcess; ++i) {
+      const auto tags = index.tags(folder_.file(fmt::format("{}-{}.pdf", prefix, i)));
+      ASSERT_TRUE(tags) << prefix << i;
+      EXPECT_EQ(tags->at("n"), QVData{uint8_t(i)});
+    }
+  }
 }
