@@ -30,8 +30,8 @@ std::shared_ptr<QVHandoffDocumentInfo> QVHandoffDocumentInfo::copy() const {
   copy->setICloudPath(iCloudPath_);
   copy->setDropboxPath(dropboxPath_);
   copy->setFileSize(fileSize());
-  copy->setFileModificationDate(fileModificationDate_);
-  copy->setContentType(contentType_);
+  copy->setFileModificationDate(fileModificationDate());
+  copy->setContentType(contentType());
   copy->setProductName(productName_);
   copy->setDeviceType(deviceType_);
   copy->setDeviceName(deviceName_);
@@ -41,7 +41,8 @@ std::shared_ptr<QVHandoffDocumentInfo> QVHandoffDocumentInfo::copy() const {
 bool QVHandoffDocumentInfo::isEqualToDocumentInfo(const QVHandoffDocumentInfo& other) const {
   if (filePath_.empty() || filePath_ != other.filePath_) return false;
   if (deviceName_.empty() || deviceName_ != other.deviceName_) return false;
-  if (!fileModificationDate_ || fileModificationDate_ != other.fileModificationDate_) return false;
+  const auto date = fileModificationDate();
+  if (!date || date != other.fileModificationDate()) return false;
   return fileSize() == other.fileSize();
 }
 
@@ -53,9 +54,9 @@ std::string QVHandoffDocumentInfo::description() const {
   append("productName", productName_);
   append("deviceName", deviceName_);
   append("filePath", filePath_);
-  append("contentType", contentType_);
+  append("contentType", contentType());
   append("saveBackfilePath", saveBackFilePath_);
-  if (fileModificationDate_) append("fileModificationDate", describeDate(*fileModificationDate_));
+  if (const auto date = fileModificationDate()) append("fileModificationDate", describeDate(*date));
   return text;
 }
 

@@ -48,10 +48,23 @@ public:
   void setICloudPath(std::string value) { iCloudPath_ = std::move(value); }
   const std::string& dropboxPath() const { return dropboxPath_; }
   void setDropboxPath(std::string value) { dropboxPath_ = std::move(value); }
-  const std::string& contentType() const { return contentType_; }
-  void setContentType(std::string value) { contentType_ = std::move(value); }
-  const std::optional<QVDate>& fileModificationDate() const { return fileModificationDate_; }
-  void setFileModificationDate(std::optional<QVDate> value) { fileModificationDate_ = value; }
+  // The tabs list sets these three on a connection thread while the host reads them: by value, locked.
+  std::string contentType() const {
+    std::lock_guard lock(servedFieldsLock_);
+    return contentType_;
+  }
+  void setContentType(std::string value) {
+    std::lock_guard lock(servedFieldsLock_);
+    contentType_ = std::move(value);
+  }
+  std::optional<QVDate> fileModificationDate() const {
+    std::lock_guard lock(servedFieldsLock_);
+    return fileModificationDate_;
+  }
+  void setFileModificationDate(std::optional<QVDate> value) {
+    std::lock_guard lock(servedFieldsLock_);
+    fileModificationDate_ = value;
+  }
   // Also read by the data thread, to measure progress.
   uint64_t fileSize() const { return fileSize_.load(std::memory_order_relaxed); }
   void setFileSize(uint64_t value) { fileSize_.store(value, std::memory_order_relaxed); }
@@ -150,5 +163,6 @@ private:
   std::weak_ptr<QVHandoffServerInfo> parentServerInfo_;
   // Guards only which transfer is current; never held while the transfer runs code.
   mutable std::mutex fileTransferLock_;
+  mutable std::mutex servedFieldsLock_;
   std::shared_ptr<QVHandoffTransfer> fileTransfer_ = std::make_shared<QVHandoffTransfer>();
 };

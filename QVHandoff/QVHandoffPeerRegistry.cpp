@@ -18,7 +18,7 @@
 #include <chrono>
 #include <iterator>
 
-QV_LOG_SOURCE("QVHandoff/QVHandoffManager")
+QV_LOG_SOURCE_OF("QVHandoff/QVHandoffManager", "QVHandoffManager")
 
 namespace {
 

@@ -16,7 +16,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 QV_LOG_SOURCE("Network/QVHTTPServer")
@@ -253,8 +255,8 @@ bool QVHTTPServer::start(QVError* error) {
       {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(&QVHTTPConnectionDriver::completed), this},
       {MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(&QVHTTPConnectionDriver::log), this},
   };
-  unsigned flags =
-      MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL | MHD_USE_ERROR_LOG;
+  unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL |
+                   MHD_USE_ERROR_LOG | MHD_USE_ITC; // stop() quiesces the listener from another thread
   if (!interface_.empty()) {
     address.sin_family = AF_INET;
     address.sin_port = htons(preferredPort_);
@@ -306,10 +308,15 @@ void QVHTTPServer::stop() {
     std::lock_guard lock(closing_->mutex);
     ++closing_->pending;
   }
+  // New connections are refused from now on, not left waiting in the backlog of a closing daemon, and
+  // a restart may bind the same port again at once. The library still uses the socket until it stops.
+  const MHD_socket listener = MHD_quiesce_daemon(daemon->handle.get());
+  if (listener != MHD_INVALID_SOCKET) shutdown(listener, SHUT_RDWR);
   // The library joins the connection threads, and those may be busy for a while (a copy, a move, a
   // main-thread wait being released): never on the caller's thread, which may be the main one.
-  std::thread([closing = closing_, daemon = std::move(daemon)]() mutable {
+  std::thread([closing = closing_, daemon = std::move(daemon), listener]() mutable {
     daemon.reset();
+    if (listener != MHD_INVALID_SOCKET) close(listener);
     std::lock_guard lock(closing->mutex);
     --closing->pending;
     closing->done.notify_all();

@@ -44,8 +44,9 @@ TEST_F(QVHandoffManagerFilesTest, TagsRoundTripThroughRealAttributesAndUntagging
   QVHandoffManager::addDocumentInfo(*source, copy_);
   const auto read = QVHandoffManager::documentInfoForFileAtPath(copy_);
   ASSERT_TRUE(read);
-  EXPECT_EQ(std::tie(read->filePath(), read->deviceName(), read->productName(), read->contentType()),
-            std::tie(source->filePath(), source->deviceName(), source->productName(), source->contentType()));
+  EXPECT_EQ(std::make_tuple(read->filePath(), read->deviceName(), read->productName(), read->contentType()),
+            std::make_tuple(source->filePath(), source->deviceName(), source->productName(),
+                            source->contentType()));
   EXPECT_EQ(read->fileSize(), source->fileSize());
   EXPECT_EQ(read->fileModificationDate(), source->fileModificationDate());
   EXPECT_EQ(read->deviceType(), 3);
