@@ -1,5 +1,7 @@
 #include "QVHostOptions.h"
 
+#include "QVHandoff/QVHandoffVersion.h"
+
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
@@ -25,6 +27,7 @@ std::variant<QVHostOptions, int> QVHostOptions::parse(int argc, const char* cons
   options.dnssd = QVDNSSDConfiguration::fromEnvironment();
 
   CLI::App app{"Hands open documents between installations on one local network.", "qvhandoff"};
+  app.set_version_flag("--version", "qvhandoff " QVHANDOFF_VERSION_STRING);
   app.require_subcommand(1);
   app.fallthrough();
   std::string mode = QVDNSSDConfiguration::stringFromMode(options.dnssd.mode);
@@ -63,6 +66,9 @@ std::variant<QVHostOptions, int> QVHostOptions::parse(int argc, const char* cons
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
     std::cout << app.help();
+    return 0;
+  } catch (const CLI::CallForVersion& version) {
+    std::cout << version.what() << '\n';
     return 0;
   } catch (const CLI::CallForAllHelp&) {
     std::cout << app.help("", CLI::AppFormatMode::All);
