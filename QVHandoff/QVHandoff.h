@@ -8,6 +8,7 @@
 #include "Foundation/QVTypes.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffExport.h"
+#include "QVHandoff/QVHandoffLog.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
 #include "QVHandoff/QVHandoffVersion.h"

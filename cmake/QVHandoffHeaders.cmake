@@ -4,6 +4,7 @@
 set(QVHANDOFF_PUBLIC_HEADERS
   QVHandoff/QVHandoff.h
   QVHandoff/QVHandoffExport.h
+  QVHandoff/QVHandoffLog.h
   QVHandoff/QVHandoffManager.h
   QVHandoff/QVHandoffDocumentInfo.h
   QVHandoff/QVHandoffServerInfo.h
