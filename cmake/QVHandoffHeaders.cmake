@@ -9,12 +9,15 @@ set(QVHANDOFF_PUBLIC_HEADERS
   QVHandoff/QVHandoffDocumentInfo.h
   QVHandoff/QVHandoffServerInfo.h
   QVHandoff/QVHandoffMetaStorage.h
+  QVHandoff/QVHandoffDocumentMetaStorage.h
+  QVHandoff/QVHandoffiCloudDocumentsPresenter.h
   QVHandoff/QVHandoffHTTPServer.h
   QVHandoff/QVHandoffProtocol.h
   Foundation/QVTypes.h
   Foundation/QVMainQueue.h
   Foundation/QVNotificationCenter.h
   Foundation/QVFileOperations.h
+  Network/DNSSD/QVDNSSDConfiguration.h
   Network/DNSSD/QVNetService.h
   Network/DNSSD/QVNetServiceDelegate.h
   Network/DNSSD/QVNetServiceBrowserDelegate.h

@@ -42,14 +42,15 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/QVHandoffConfigVers
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/QVHandoffConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/QVHandoffConfigVersion.cmake
         DESTINATION ${QVHANDOFF_CMAKE_DIR} COMPONENT dev)
 
-# pkg-config: a static library needs its dependencies on the link line too.
+# pkg-config: a static library's dependencies are the host's to link, against their shared libraries
+# (pkg-config --static would ask for every dependency's own static dependencies).
 if(QVHANDOFF_SHARED)
-  set(QVHANDOFF_PC_REQUIRES_PRIVATE "")
-  set(QVHANDOFF_PC_LIBS_PRIVATE "")
+  set(QVHANDOFF_PC_REQUIRES "nlohmann_json")
+  set(QVHANDOFF_PC_LIBS "-lqvhandoff")
 else()
-  set(QVHANDOFF_PC_REQUIRES_PRIVATE
-      "Requires.private: spdlog fmt libcrypto libcurl libmicrohttpd libplist-2.0 gio-2.0 uuid avahi-client")
-  set(QVHANDOFF_PC_LIBS_PRIVATE "Libs.private: -lstdc++ -ldl -pthread")
+  set(QVHANDOFF_PC_REQUIRES
+      "nlohmann_json spdlog fmt libcrypto libcurl libmicrohttpd libplist-2.0 gio-2.0 uuid")
+  set(QVHANDOFF_PC_LIBS "-lqvhandoff -lavahi-common -ldl")
 endif()
 # Relative to the .pc file, so that a staged or relocated install finds itself.
 file(RELATIVE_PATH QVHANDOFF_PC_PREFIX_FROM_PCDIR /${QVHANDOFF_PKGCONFIG_DIR} /)
