@@ -82,6 +82,8 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION net)
 # dpkg-shlibdeps names what the ELF files link; the Avahi libraries are loaded at run time, so they are
 # named by hand, with the MIME database g_content_type_guess reads.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# A shlibs file and the ldconfig trigger for the library packages.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(QVHANDOFF_RUNTIME_DEPENDS "libavahi-client3, libavahi-core7, libavahi-common3, shared-mime-info")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS ${QVHANDOFF_RUNTIME_DEPENDS})
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS ${QVHANDOFF_RUNTIME_DEPENDS})

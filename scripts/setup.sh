@@ -13,6 +13,7 @@ packages=(
   libglib2.0-dev shared-mime-info
   uuid-dev
   libcli11-dev
+  qt6-base-dev doxygen dpkg-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   iproute2 attr jq
   clang-format
