@@ -36,15 +36,21 @@ function(qvhandoff_staged_path header out)
   endif()
 endfunction()
 
+# Stages SOURCE (absolute) as include/STAGED and appends the staged path to the list named by LIST.
+function(qvhandoff_stage_header _source _staged _list)
+  add_custom_command(OUTPUT ${QVHANDOFF_STAGED_INCLUDE_DIR}/${_staged}
+    COMMAND ${CMAKE_COMMAND} -DINPUT=${_source} -DOUTPUT=${QVHANDOFF_STAGED_INCLUDE_DIR}/${_staged}
+            -P ${QVHANDOFF_CMAKE_DIR_OF_SOURCES}/QVHandoffStageHeader.cmake
+    DEPENDS ${_source} ${QVHANDOFF_CMAKE_DIR_OF_SOURCES}/QVHandoffStageHeader.cmake
+    COMMENT "Staging ${_staged}" VERBATIM)
+  set(${_list} ${${_list}} ${QVHANDOFF_STAGED_INCLUDE_DIR}/${_staged} PARENT_SCOPE)
+endfunction()
+set(QVHANDOFF_CMAKE_DIR_OF_SOURCES ${CMAKE_CURRENT_LIST_DIR})
+
 set(QVHANDOFF_STAGED_HEADERS)
 foreach(header ${QVHANDOFF_PUBLIC_HEADERS})
   qvhandoff_staged_path(${header} staged)
-  add_custom_command(OUTPUT ${QVHANDOFF_STAGED_INCLUDE_DIR}/${staged}
-    COMMAND ${CMAKE_COMMAND} -DINPUT=${CMAKE_CURRENT_SOURCE_DIR}/${header}
-            -DOUTPUT=${QVHANDOFF_STAGED_INCLUDE_DIR}/${staged} -P ${CMAKE_CURRENT_LIST_DIR}/QVHandoffStageHeader.cmake
-    DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${CMAKE_CURRENT_LIST_DIR}/QVHandoffStageHeader.cmake
-    COMMENT "Staging ${staged}" VERBATIM)
-  list(APPEND QVHANDOFF_STAGED_HEADERS ${QVHANDOFF_STAGED_INCLUDE_DIR}/${staged})
+  qvhandoff_stage_header(${CMAKE_CURRENT_SOURCE_DIR}/${header} ${staged} QVHANDOFF_STAGED_HEADERS)
 endforeach()
 set(QVHANDOFF_VERSION_HEADER ${CMAKE_CURRENT_BINARY_DIR}/generated/QVHandoff/QVHandoffVersion.h)
 add_custom_command(OUTPUT ${QVHANDOFF_STAGED_INCLUDE_DIR}/QVHandoff/QVHandoffVersion.h

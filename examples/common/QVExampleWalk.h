@@ -7,6 +7,7 @@
 #include <QVHandoff/QVHandoff.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -115,21 +116,33 @@ private:
   bool finished_ = false;
 };
 
-// "host CONTAINER DOCUMENT [--wait SECONDS] [--require-peer]"; false on bad arguments.
-inline bool QVExampleParse(int argc, char** argv, QVExampleWalk::Options& options, unsigned& waitSeconds,
-                           bool& requirePeer) {
-  if (argc < 3) return false;
-  options.container = argv[1];
-  options.document = argv[2];
-  for (int i = 3; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--wait" && i + 1 < argc) {
-      waitSeconds = static_cast<unsigned>(std::stoul(argv[++i]));
-    } else if (arg == "--require-peer") {
-      requirePeer = true;
-    } else {
+// What a host's command line gives: "HOST CONTAINER DOCUMENT [--wait SECONDS] [--require-peer]".
+struct QVExampleArguments {
+  QVExampleWalk::Options options;
+  unsigned waitSeconds = 10;
+  bool requirePeer = false;
+
+  // False, with the usage on stderr, on bad arguments.
+  bool parse(int argc, char** argv) {
+    options.productName = argv[0];
+    if (const auto slash = options.productName.rfind('/'); slash != std::string::npos)
+      options.productName.erase(0, slash + 1);
+    bool good = argc >= 3;
+    for (int i = 3; good && i < argc; ++i) {
+      const std::string arg = argv[i];
+      if (arg == "--wait" && i + 1 < argc) {
+        waitSeconds = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
+      } else {
+        good = arg == "--require-peer";
+        requirePeer = requirePeer || good;
+      }
+    }
+    if (!good) {
+      std::fprintf(stderr, "usage: %s CONTAINER DOCUMENT [--wait SECONDS] [--require-peer]\n", argv[0]);
       return false;
     }
+    options.container = argv[1];
+    options.document = argv[2];
+    return true;
   }
-  return true;
-}
+};

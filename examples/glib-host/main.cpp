@@ -8,32 +8,28 @@
 #include <glib.h>
 
 #include <cstdio>
+#include <memory>
 
 int main(int argc, char** argv) {
-  QVExampleWalk::Options options;
-  options.productName = "glib-host";
-  unsigned waitSeconds = 10;
-  bool requirePeer = false;
-  if (!QVExampleParse(argc, argv, options, waitSeconds, requirePeer)) {
-    std::fprintf(stderr, "usage: glib-host CONTAINER DOCUMENT [--wait SECONDS] [--require-peer]\n");
-    return 2;
-  }
+  QVExampleArguments arguments;
+  if (!arguments.parse(argc, argv)) return 2;
   std::printf("QVHandoff %s on GLib %u.%u\n", QVHANDOFF_VERSION_STRING, glib_major_version,
               glib_minor_version);
 
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+  const std::unique_ptr<GMainLoop, void (*)(GMainLoop*)> loop(g_main_loop_new(nullptr, FALSE),
+                                                              g_main_loop_unref);
   int status = 0;
   QVHandoffUseGLibMainContext();
-  QVExampleWalk walk(options, [&](int result) {
+  QVExampleWalk walk(arguments.options, [&](int result) {
     status = result;
-    g_main_loop_quit(loop);
+    g_main_loop_quit(loop.get());
   });
   struct Timeout {
     QVExampleWalk* walk;
     bool requirePeer;
-  } timeout{&walk, requirePeer};
+  } timeout{&walk, arguments.requirePeer};
   g_timeout_add_seconds(
-      waitSeconds,
+      arguments.waitSeconds,
       [](gpointer data) -> gboolean {
         auto* t = static_cast<Timeout*>(data);
         std::printf("no peer handed a document within the wait\n");
@@ -42,8 +38,7 @@ int main(int argc, char** argv) {
       },
       &timeout);
   walk.start();
-  g_main_loop_run(loop);
-  g_main_loop_unref(loop);
+  g_main_loop_run(loop.get());
   std::printf("exit %d\n", status);
   return status;
 }

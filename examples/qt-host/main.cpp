@@ -12,21 +12,15 @@
 
 int main(int argc, char** argv) {
   QCoreApplication application(argc, argv);
-  QVExampleWalk::Options options;
-  options.productName = "qt-host";
-  unsigned waitSeconds = 10;
-  bool requirePeer = false;
-  if (!QVExampleParse(argc, argv, options, waitSeconds, requirePeer)) {
-    std::fprintf(stderr, "usage: qt-host CONTAINER DOCUMENT [--wait SECONDS] [--require-peer]\n");
-    return 2;
-  }
+  QVExampleArguments arguments;
+  if (!arguments.parse(argc, argv)) return 2;
   std::printf("QVHandoff %s on Qt %s\n", QVHANDOFF_VERSION_STRING, qVersion());
 
   QVHandoffUseQtEventLoop();
-  QVExampleWalk walk(options, [](int result) { QCoreApplication::exit(result); });
-  QTimer::singleShot(std::chrono::seconds(waitSeconds), &application, [&] {
+  QVExampleWalk walk(arguments.options, [](int result) { QCoreApplication::exit(result); });
+  QTimer::singleShot(std::chrono::seconds(arguments.waitSeconds), &application, [&] {
     std::printf("no peer handed a document within the wait\n");
-    walk.finish(requirePeer ? 1 : 0);
+    walk.finish(arguments.requirePeer ? 1 : 0);
   });
   walk.start();
   const int status = QCoreApplication::exec();
