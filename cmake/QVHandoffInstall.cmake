@@ -83,6 +83,11 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # A shlibs file and the ldconfig trigger for the library packages.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+# The adapters need libqvhandoff.so.0 of this build; their packages name libqvhandoff0 themselves.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_CURRENT_BINARY_DIR})
+foreach(component RUNTIME GLIB QT)
+  set(CPACK_DEBIAN_${component}_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/debian/triggers)
+endforeach()
 set(QVHANDOFF_RUNTIME_DEPENDS "libavahi-client3, libavahi-core7, libavahi-common3, shared-mime-info")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS ${QVHANDOFF_RUNTIME_DEPENDS})
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS ${QVHANDOFF_RUNTIME_DEPENDS})
