@@ -2,6 +2,7 @@
 // The main queue: a run loop owned by the host's main thread. Everything the framework confines to the
 // main thread (host calls, DNS-SD events, HTTP client completions, callbacks to the host) runs here.
 
+#include "QVHandoff/QVHandoffExport.h"
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -12,7 +13,7 @@
 #include <optional>
 #include <thread>
 
-class QVMainQueue {
+class QVHANDOFF_EXPORT QVMainQueue {
 public:
   using Task = std::function<void()>;
   using Clock = std::chrono::steady_clock;
@@ -69,7 +70,7 @@ private:
 
 // Runs `fn` at once on the main thread, else hands it to the main queue and waits until it has run.
 // When the main queue stops meanwhile, `fn` is dropped with a warning rather than waited for forever.
-void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
+QVHANDOFF_EXPORT void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
 
 #ifdef NDEBUG
 #define QV_ASSERT_MAIN_THREAD() ((void)0)

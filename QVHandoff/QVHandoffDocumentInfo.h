@@ -3,6 +3,7 @@
 // with its origin. While a download runs it also carries that transfer's state and the caller's callbacks.
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <cstdint>
 #include <functional>
@@ -15,7 +16,7 @@ class QVFileHandle;
 class QVHandoffServerInfo;
 class QVURLSessionDataTask;
 
-class QVHandoffDocumentInfo : public std::enable_shared_from_this<QVHandoffDocumentInfo> {
+class QVHANDOFF_EXPORT QVHandoffDocumentInfo : public std::enable_shared_from_this<QVHandoffDocumentInfo> {
 public:
   using CompletionHandler = std::function<void(const std::string& filePath)>;
   using ProgressHandler = std::function<void(float progress)>;

@@ -18,9 +18,9 @@ using QVHandoffLogHandler = std::function<void(QVHandoffLogLevel level, const st
                                                const std::string& operation, const std::string& message)>;
 
 /// Sends every line to `handler`; an empty handler sends them to stderr again.
-void QVHandoffSetLogHandler(QVHandoffLogHandler handler);
+QVHANDOFF_EXPORT void QVHandoffSetLogHandler(QVHandoffLogHandler handler);
 
 /// Lines below `level` are not formatted at all. The default is Info, or QVHANDOFF_LOG_LEVEL (trace, debug,
 /// info, warning, error, off) when set.
-void QVHandoffSetLogLevel(QVHandoffLogLevel level);
-QVHandoffLogLevel QVHandoffLogLevelInEffect();
+QVHANDOFF_EXPORT void QVHandoffSetLogLevel(QVHandoffLogLevel level);
+QVHANDOFF_EXPORT QVHandoffLogLevel QVHandoffLogLevelInEffect();

@@ -7,6 +7,7 @@
 #include "Network/DNSSD/QVNetServiceBrowserDelegate.h"
 #include "Network/DNSSD/QVNetServiceDelegate.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
+#include "QVHandoff/QVHandoffExport.h"
 #include "QVHandoff/QVHandoffHTTPServer.h"
 #include "QVHandoff/QVHandoffMetaStorage.h"
 #include "QVHandoff/QVHandoffProtocol.h"
@@ -84,17 +85,17 @@ using QVHandoffMoveFileBlock =
 using QVHandoffFileAttributesBlock =
     std::function<std::optional<QVFileAttributes>(const std::string& path, QVError* error)>;
 
-extern const QVHandoffCopyFileBlock QVHandoffManagerDefaultCopyFileBlock;
-extern const QVHandoffMoveFileBlock QVHandoffManagerDefaultMoveFileBlock;
-extern const QVHandoffFileAttributesBlock QVHandoffManagerDefaultFileAttributesBlock;
+extern QVHANDOFF_EXPORT const QVHandoffCopyFileBlock QVHandoffManagerDefaultCopyFileBlock;
+extern QVHANDOFF_EXPORT const QVHandoffMoveFileBlock QVHandoffManagerDefaultMoveFileBlock;
+extern QVHANDOFF_EXPORT const QVHandoffFileAttributesBlock QVHandoffManagerDefaultFileAttributesBlock;
 
 // Confined to the main thread except where a member says otherwise (the blocks, the local documents, the
 // two flags and the two sets of transfers are also read by connection and transfer threads).
-class QVHandoffManager : public std::enable_shared_from_this<QVHandoffManager>,
-                         public QVHandoffMetaStorageDelegate,
-                         public QVHandoffHTTPServerDelegate,
-                         public QVNetServiceBrowserDelegate,
-                         public QVNetServiceDelegate {
+class QVHANDOFF_EXPORT QVHandoffManager : public std::enable_shared_from_this<QVHandoffManager>,
+                                          public QVHandoffMetaStorageDelegate,
+                                          public QVHandoffHTTPServerDelegate,
+                                          public QVNetServiceBrowserDelegate,
+                                          public QVNetServiceDelegate {
 public:
   using ProgressHandler = QVHandoffDocumentInfo::ProgressHandler;
   using CompletionHandler = QVHandoffDocumentInfo::CompletionHandler;

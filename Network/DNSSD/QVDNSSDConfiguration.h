@@ -2,11 +2,12 @@
 // How the process reaches DNS-SD: the system daemon, the embedded stack, or whichever works. Set it before
 // the first service or browser is used; the environment gives the defaults.
 
+#include "QVHandoff/QVHandoffExport.h"
 #include <optional>
 #include <string>
 #include <vector>
 
-struct QVDNSSDConfiguration {
+struct QVHANDOFF_EXPORT QVDNSSDConfiguration {
   enum class Mode { Auto, Daemon, Embedded };
 
   // Auto: the daemon when one answers, else the embedded stack.

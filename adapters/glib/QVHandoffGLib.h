@@ -10,4 +10,4 @@ typedef struct _GMainContext GMainContext;
 /// when null), and the library never runs a loop of its own. Call it on the thread that iterates `context`,
 /// before the manager is first used: that thread becomes the library's main thread. The context is kept
 /// alive until another dispatcher replaces this one.
-void QVHandoffUseGLibMainContext(GMainContext* context = nullptr);
+QVHANDOFF_EXPORT void QVHandoffUseGLibMainContext(GMainContext* context = nullptr);

@@ -7,4 +7,4 @@
 /// From now on every main-queue task and timer of the library runs on the thread of the QCoreApplication,
 /// and the library never runs a loop of its own. Call it on that thread, after the application object
 /// exists and before the manager is first used; without an application object it does nothing.
-void QVHandoffUseQtEventLoop();
+QVHANDOFF_EXPORT void QVHandoffUseQtEventLoop();
