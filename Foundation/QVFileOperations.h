@@ -3,6 +3,7 @@
 // code = errno).
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <cstdint>
 #include <optional>
@@ -10,24 +11,25 @@
 
 inline constexpr const char* QVPOSIXErrorDomain = "QVPOSIXErrorDomain";
 
-struct QVFileAttributes {
+struct QVHANDOFF_EXPORT QVFileAttributes {
   uint64_t fileSize = 0;
   QVDate fileModificationDate{};
   bool isDirectory = false;
 };
 
 // Copies a file (or a directory tree) to a destination that must not exist yet.
-bool QVCopyItem(const std::string& source, const std::string& destination, QVError* error);
+QVHANDOFF_EXPORT bool QVCopyItem(const std::string& source, const std::string& destination, QVError* error);
 // Moves source to destination, replacing a file there; works across file systems. A folder is never removed
 // or replaced, nor one reached through a link or named with a trailing "/": that fails with EISDIR.
-bool QVMoveItemReplacing(const std::string& source, const std::string& destination, QVError* error);
-std::optional<QVFileAttributes> QVAttributesOfItem(const std::string& path, QVError* error);
-bool QVFileExists(const std::string& path, bool* isDirectory = nullptr);
+QVHANDOFF_EXPORT bool QVMoveItemReplacing(const std::string& source, const std::string& destination,
+                                          QVError* error);
+QVHANDOFF_EXPORT std::optional<QVFileAttributes> QVAttributesOfItem(const std::string& path, QVError* error);
+QVHANDOFF_EXPORT bool QVFileExists(const std::string& path, bool* isDirectory = nullptr);
 // Creates the directory and any missing parents; true when it exists afterwards.
-bool QVCreateDirectory(const std::string& path);
+QVHANDOFF_EXPORT bool QVCreateDirectory(const std::string& path);
 // Removes a file or a directory tree; false when nothing was there or it could not be removed.
-bool QVRemoveItem(const std::string& path);
-QVError QVErrorFromErrno(int code);
+QVHANDOFF_EXPORT bool QVRemoveItem(const std::string& path);
+QVHANDOFF_EXPORT QVError QVErrorFromErrno(int code);
 
 // The path ends in "/" or names a folder, directly or through a symbolic link.
 bool QVIsFolderTarget(const std::string& path);

@@ -12,16 +12,21 @@
 namespace QVLogging {
 
 // The logger for one source ("QVHandoff/QVHandoffManager"). All loggers write to one shared sink, whose
-// level comes from QVHANDOFF_LOG_LEVEL (trace, debug, info, warning, error, off; default info).
+// level comes from QVHANDOFF_LOG_LEVEL (trace, debug, info, warning, error, off; default info). They are
+// kept here, not in spdlog's registry, which belongs to the host.
 std::shared_ptr<spdlog::logger> logger(const std::string& source);
 
-// Sets the level of every logger, present and future.
+// Sets the level of every logger of the library, present and future.
 void setLevel(spdlog::level::level_enum level);
 spdlog::level::level_enum level();
 
 // Adds or removes a sink that sees every line of every logger (tests capture lines with it).
 void addSink(std::shared_ptr<spdlog::sinks::sink> sink);
 void removeSink(const std::shared_ptr<spdlog::sinks::sink>& sink);
+
+// Whether stderr is connected to the journal (JOURNAL_STREAM names its device and inode): lines then
+// start with the journal's "<N>" priority instead of a time stamp.
+bool stderrIsJournal();
 
 // "void QVHandoffManager::start(int)" -> "QVHandoffManager::start".
 std::string operationName(std::string_view prettyFunction);

@@ -2,6 +2,8 @@
 // The main queue: a run loop owned by the host's main thread. Everything the framework confines to the
 // main thread (host calls, DNS-SD events, HTTP client completions, callbacks to the host) runs here.
 
+#include "QVHandoff/QVHandoffExport.h"
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -13,7 +15,7 @@
 #include <optional>
 #include <thread>
 
-class QVMainQueue {
+class QVHANDOFF_EXPORT QVMainQueue {
 public:
   using Task = std::function<void()>;
   using Clock = std::chrono::steady_clock;
@@ -70,7 +72,7 @@ private:
 
 // Runs `fn` at once on the main thread, else hands it to the main queue and waits until it has run.
 // When the main queue stops meanwhile, `fn` is dropped with a warning rather than waited for forever.
-void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
+QVHANDOFF_EXPORT void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
 // The same for a caller that may be let go (a connection whose server stops): once `released` holds it
 // stops waiting, and `fn`, which owns what it uses, still runs on the main thread later. True when `fn`
 // ran before this returned.

@@ -2,6 +2,7 @@
 // Named notifications with an object and a userInfo, delivered synchronously on the posting thread.
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <functional>
 #include <memory>
@@ -9,13 +10,13 @@
 #include <string>
 #include <vector>
 
-struct QVNotification {
+struct QVHANDOFF_EXPORT QVNotification {
   std::string name;
   const void* object = nullptr; // identity of the sender (the manager), or none
   QVUserInfo userInfo;
 };
 
-class QVNotificationCenter {
+class QVHANDOFF_EXPORT QVNotificationCenter {
 public:
   using Observer = std::function<void(const QVNotification&)>;
   using Token = uint64_t;
@@ -40,7 +41,7 @@ private:
 };
 
 // Removes its observer when it goes away.
-class QVNotificationObservation {
+class QVHANDOFF_EXPORT QVNotificationObservation {
 public:
   QVNotificationObservation() = default;
   QVNotificationObservation(QVNotificationCenter& center, std::string name, const void* object,

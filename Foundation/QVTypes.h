@@ -1,6 +1,7 @@
 #pragma once
 // Value types shared by the framework and the platform layer.
 
+#include "QVHandoff/QVHandoffExport.h"
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -14,7 +15,7 @@ class QVHandoffDocumentInfo;
 using QVData = std::vector<uint8_t>;
 using QVDate = std::chrono::system_clock::time_point;
 
-struct QVPoint {
+struct QVHANDOFF_EXPORT QVPoint {
   double x = 0;
   double y = 0;
   friend bool operator==(const QVPoint&, const QVPoint&) = default;
@@ -29,7 +30,7 @@ using QVUserInfo = std::map<std::string, QVValue>;
 inline constexpr const char* QVHTTPStatusCodeErrorKey = "QVHTTPStatusCodeErrorKey";
 inline constexpr const char* QVURLErrorDomain = "QVURLErrorDomain";
 
-struct QVError {
+struct QVHANDOFF_EXPORT QVError {
   std::string domain;
   int64_t code = 0;
   QVUserInfo userInfo;
@@ -51,5 +52,5 @@ inline constexpr int64_t BadServerResponse = -1011;
 } // namespace QVURLError
 
 // Seconds since 2001-01-01 00:00:00 UTC, the reference date of progress bookkeeping.
-double QVTimeIntervalSinceReferenceDate(QVDate date);
-QVDate QVDateWithTimeIntervalSinceReferenceDate(double seconds);
+QVHANDOFF_EXPORT double QVTimeIntervalSinceReferenceDate(QVDate date);
+QVHANDOFF_EXPORT QVDate QVDateWithTimeIntervalSinceReferenceDate(double seconds);

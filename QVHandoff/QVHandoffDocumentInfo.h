@@ -3,6 +3,7 @@
 // with its origin. Its transfer accessors reach the transfer it runs now (QVHandoffTransfer).
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 #include "QVHandoff/QVHandoffTransfer.h"
 
 #include <atomic>
@@ -17,7 +18,7 @@ class QVFileHandle;
 class QVHandoffServerInfo;
 class QVURLSessionDataTask;
 
-class QVHandoffDocumentInfo : public std::enable_shared_from_this<QVHandoffDocumentInfo> {
+class QVHANDOFF_EXPORT QVHandoffDocumentInfo : public std::enable_shared_from_this<QVHandoffDocumentInfo> {
 public:
   using CompletionHandler = QVHandoffTransfer::CompletionHandler;
   using ProgressHandler = QVHandoffTransfer::ProgressHandler;

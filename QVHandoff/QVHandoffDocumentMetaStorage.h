@@ -5,6 +5,7 @@
 
 #include "Foundation/QVNotificationCenter.h"
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 #include "QVHandoff/QVHandoffMetaStorage.h"
 
 #include <memory>
@@ -14,7 +15,7 @@
 
 class QVFolderWatcher;
 
-class QVHandoffDocumentMetaStorage : public QVHandoffMetaStorage {
+class QVHANDOFF_EXPORT QVHandoffDocumentMetaStorage : public QVHandoffMetaStorage {
   struct Passkey {};
 
 public:

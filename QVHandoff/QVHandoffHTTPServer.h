@@ -5,6 +5,7 @@
 #include "Foundation/QVTypes.h"
 #include "Network/DNSSD/QVNetService.h"
 #include "Network/HTTPServer/QVHTTPServer.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <memory>
 #include <mutex>
@@ -14,14 +15,14 @@ class QVDNSSDEngine;
 class QVHandoffHTTPServer;
 class QVHandoffServerContext;
 
-class QVHandoffHTTPServerDelegate {
+class QVHANDOFF_EXPORT QVHandoffHTTPServerDelegate {
 public:
   virtual ~QVHandoffHTTPServerDelegate() = default;
   // DNS-SD established the publication (again after a rename); on the main queue.
   virtual void handoffHTTPServerDidPublish(QVHandoffHTTPServer& server) = 0;
 };
 
-class QVHandoffHTTPServer : public QVHTTPServer {
+class QVHANDOFF_EXPORT QVHandoffHTTPServer : public QVHTTPServer {
 public:
   QVHandoffHTTPServer();
   ~QVHandoffHTTPServer() override;

@@ -3,6 +3,7 @@
 // Subclasses decide where it is kept and how it reaches the other devices.
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <memory>
 #include <mutex>
@@ -14,14 +15,14 @@ inline constexpr const char* QVHandoffMetaServiceTypeKey = "serviceType";
 inline constexpr const char* QVHandoffMetaAES256KeyKey = "aes256Key";
 inline constexpr const char* QVHandoffMetaFileName = ".com.quorvel.paperloom.handoff";
 
-class QVHandoffMetaStorageDelegate {
+class QVHANDOFF_EXPORT QVHandoffMetaStorageDelegate {
 public:
   virtual ~QVHandoffMetaStorageDelegate() = default;
   // The storage's service type and key now hold new values. Always called on the main queue.
   virtual void metaDataStorageDidChange(const std::shared_ptr<QVHandoffMetaStorage>& storage) = 0;
 };
 
-class QVHandoffMetaStorage : public std::enable_shared_from_this<QVHandoffMetaStorage> {
+class QVHANDOFF_EXPORT QVHandoffMetaStorage : public std::enable_shared_from_this<QVHandoffMetaStorage> {
 public:
   virtual ~QVHandoffMetaStorage() = default;
 

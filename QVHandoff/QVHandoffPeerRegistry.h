@@ -6,6 +6,7 @@
 #include "Foundation/QVTypes.h"
 #include "Network/DNSSD/QVNetServiceBrowserDelegate.h"
 #include "Network/DNSSD/QVNetServiceDelegate.h"
+#include "QVHandoff/QVHandoffExport.h"
 #include "QVHandoff/QVHandoffMetaStorage.h"
 
 #include <functional>
@@ -21,9 +22,9 @@ class QVHTTPSessionManager;
 class QVNetService;
 class QVNetServiceBrowser;
 
-class QVHandoffPeerRegistry : public std::enable_shared_from_this<QVHandoffPeerRegistry>,
-                              public QVNetServiceBrowserDelegate,
-                              public QVNetServiceDelegate {
+class QVHANDOFF_EXPORT QVHandoffPeerRegistry : public std::enable_shared_from_this<QVHandoffPeerRegistry>,
+                                               public QVNetServiceBrowserDelegate,
+                                               public QVNetServiceDelegate {
 public:
   // What the registry asks of the manager that owns it.
   class Owner {

@@ -3,13 +3,15 @@
 // manager passes one in; managers made without one (defaultManager() among them) get theirs from the
 // platform factory, which a host may replace before it makes its first manager.
 
+#include "QVHandoff/QVHandoffExport.h"
+
 #include <functional>
 #include <memory>
 
 class QVDNSSDEngine;
 class QVHTTPSessionManager;
 
-struct QVHandoffPlatform {
+struct QVHANDOFF_EXPORT QVHandoffPlatform {
   std::shared_ptr<QVDNSSDEngine> DNSSDEngine;
   std::shared_ptr<QVHTTPSessionManager> HTTPSessionManager;
 

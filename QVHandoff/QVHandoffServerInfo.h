@@ -4,6 +4,7 @@
 // key and cannot talk to the peer.
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <nlohmann/json.hpp>
 
@@ -20,7 +21,7 @@ class QVURLSessionDataTask;
 // Stands for an absent index.
 inline constexpr uint64_t QVNotFound = 9223372036854775807ULL;
 
-class QVHandoffServerInfo : public std::enable_shared_from_this<QVHandoffServerInfo> {
+class QVHANDOFF_EXPORT QVHandoffServerInfo : public std::enable_shared_from_this<QVHandoffServerInfo> {
 public:
   static std::shared_ptr<QVHandoffServerInfo> make() { return std::make_shared<QVHandoffServerInfo>(); }
 

@@ -4,6 +4,7 @@
 // so a late chunk of an older request reaches only the older transfer, which is torn down already.
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <cstdint>
 #include <functional>
@@ -14,7 +15,7 @@
 class QVFileHandle;
 class QVURLSessionDataTask;
 
-class QVHandoffTransfer : public std::enable_shared_from_this<QVHandoffTransfer> {
+class QVHANDOFF_EXPORT QVHandoffTransfer : public std::enable_shared_from_this<QVHandoffTransfer> {
 public:
   using CompletionHandler = std::function<void(const std::string& filePath)>;
   using ProgressHandler = std::function<void(float progress)>;

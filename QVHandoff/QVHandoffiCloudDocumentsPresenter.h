@@ -3,6 +3,7 @@
 // Answers whether it is there (configured), whether it can be written (available, once tested), and
 // announces when it comes, goes or changes writability (the account state).
 
+#include "QVHandoff/QVHandoffExport.h"
 #include <atomic>
 #include <memory>
 #include <string>
@@ -15,7 +16,7 @@ inline constexpr const char* QVHandoffiCloudTestedNotification = "QVHandoffiClou
 inline constexpr const char* QViCloudAccountStateDidChangeNotification =
     "QViCloudAccountStateDidChangeNotification";
 
-class QVHandoffiCloudDocumentsPresenter {
+class QVHANDOFF_EXPORT QVHandoffiCloudDocumentsPresenter {
   struct Passkey {};
 
 public:

@@ -14,6 +14,7 @@ packages=(
   libsqlite3-dev dosfstools
   uuid-dev
   libcli11-dev
+  qt6-base-dev doxygen dpkg-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   iproute2 attr jq
   clang-format

@@ -2,11 +2,12 @@
 // How an engine reaches DNS-SD: the system daemon, the embedded stack, or whichever works. The environment
 // gives the defaults.
 
+#include "QVHandoff/QVHandoffExport.h"
 #include <optional>
 #include <string>
 #include <vector>
 
-struct QVDNSSDConfiguration {
+struct QVHANDOFF_EXPORT QVDNSSDConfiguration {
   enum class Mode { Auto, Daemon, Embedded };
 
   // Auto: the daemon when one answers, else the embedded stack.

@@ -4,6 +4,7 @@
 // Safe to call from any thread; no Avahi type shows here.
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <chrono>
 #include <cstdint>
@@ -23,7 +24,7 @@ inline constexpr const char* QVNetServicesErrorCode = "QVNetServicesErrorCode";
 
 using QVTXTRecordDictionary = std::map<std::string, QVData>;
 
-class QVNetService : public std::enable_shared_from_this<QVNetService> {
+class QVHANDOFF_EXPORT QVNetService : public std::enable_shared_from_this<QVNetService> {
 public:
   // To publish a local service on `port` through `engine`; an empty name publishes under the host's name,
   // an empty domain in "local".

@@ -3,13 +3,14 @@
 // default.
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <memory>
 
 class QVNetService;
 class QVNetServiceBrowser;
 
-class QVNetServiceBrowserDelegate {
+class QVHANDOFF_EXPORT QVNetServiceBrowserDelegate {
 public:
   virtual ~QVNetServiceBrowserDelegate() = default;
 

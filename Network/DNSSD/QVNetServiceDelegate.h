@@ -2,12 +2,13 @@
 // What a QVNetService tells its delegate, always on the main queue. Every operation has an empty default.
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <memory>
 
 class QVNetService;
 
-class QVNetServiceDelegate {
+class QVHANDOFF_EXPORT QVNetServiceDelegate {
 public:
   virtual ~QVNetServiceDelegate() = default;
 

@@ -3,6 +3,7 @@
 // thread of its own through a QVHTTPConnection made by the factory, and bounds what a peer may take.
 
 #include "Foundation/QVTypes.h"
+#include "QVHandoff/QVHandoffExport.h"
 
 #include <atomic>
 #include <cstddef>
@@ -18,7 +19,7 @@ class QVHTTPConnectionDriver;
 
 inline constexpr const char* QVHTTPServerErrorDomain = "QVHTTPServerErrorDomain";
 
-struct QVHTTPServerLimits {
+struct QVHANDOFF_EXPORT QVHTTPServerLimits {
   // Each connection holds a thread; peers are the user's own few devices.
   unsigned connectionLimit = 64;
   unsigned perIPConnectionLimit = 32;
@@ -30,7 +31,7 @@ struct QVHTTPServerLimits {
   size_t connectionMemoryLimit = 512 * 1024;
 };
 
-class QVHTTPServer {
+class QVHANDOFF_EXPORT QVHTTPServer {
 public:
   using ConnectionFactory = std::function<std::shared_ptr<QVHTTPConnection>(QVHTTPServer& server)>;
 

@@ -1,6 +1,7 @@
 #include "QVHostOptions.h"
 
 #include "QVExitStatus.h"
+#include "QVHandoff/QVHandoffVersion.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -68,6 +69,7 @@ std::variant<QVHostOptions, int> QVHostOptions::parse(int argc, const char* cons
   shared.mode = QVDNSSDConfiguration::stringFromMode(options.dnssd.mode);
 
   CLI::App app{"Hands open documents between installations on one local network.", "qvhandoff"};
+  app.set_version_flag("--version", "qvhandoff " QVHANDOFF_VERSION_STRING);
   app.require_subcommand(1);
   app.fallthrough();
   addSharedOptions(app, options, shared);
@@ -109,6 +111,9 @@ std::variant<QVHostOptions, int> QVHostOptions::parse(int argc, const char* cons
     for (auto* subcommand : app.get_subcommands())
       asked = subcommand;
     std::cout << asked->help();
+    return QVExitCode(QVExitStatus::Success);
+  } catch (const CLI::CallForVersion& version) {
+    std::cout << version.what() << '\n';
     return QVExitCode(QVExitStatus::Success);
   } catch (const CLI::CallForAllHelp&) {
     std::cout << app.help("", CLI::AppFormatMode::All);
