@@ -13,11 +13,10 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 stage=$work/stage
 
-[ -f /work/wt/ccache.env ] && . /work/wt/ccache.env
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cmake -S . -B "$build" -DQVHANDOFF_WERROR=ON -DQVHANDOFF_TESTS=OFF "${launcher[@]}" "$@" >/dev/null
-cmake --build "$build" -j2 --target QVHandoffLibrary QVHandoffGLib QVHandoffQt qvhandoff
+cmake --build "$build" -j2
 cmake --install "$build" --prefix "$stage" >/dev/null
 echo "examples: installed into $stage"
 
