@@ -235,6 +235,17 @@ std::optional<QVDate> QVHandoffDocumentMetaStorage::savedMetaModificationDate() 
   return savedMetaModificationDate_;
 }
 
+std::optional<QVHandoffDocumentMetaStorage::MetaData>
+QVHandoffDocumentMetaStorage::metaDataFromContents(const std::string& contents, bool* isDictionary) {
+  const QVPlist dictionary = dictionaryFromContents(contents);
+  if (isDictionary) *isDictionary = dictionary != nullptr;
+  if (!dictionary) return std::nullopt;
+  const auto serviceType = bytesOfValue(plist_dict_get_item(dictionary.get(), QVHandoffMetaServiceTypeKey));
+  const auto key = bytesOfValue(plist_dict_get_item(dictionary.get(), QVHandoffMetaAES256KeyKey));
+  if (!serviceType || serviceType->empty() || !key || key->empty()) return std::nullopt;
+  return MetaData{*serviceType, QVData(key->begin(), key->end())};
+}
+
 bool QVHandoffDocumentMetaStorage::readMetaData() {
   std::lock_guard lock(fileMutex_);
   if (!fileExists(metaFileURL_)) {
@@ -244,20 +255,19 @@ bool QVHandoffDocumentMetaStorage::readMetaData() {
   // Dated before reading: a file replaced meanwhile then differs from the saved date and is read again.
   const auto date = metaModificationDate();
   const auto contents = loadContents(metaFileURL_);
-  const QVPlist dictionary = contents ? dictionaryFromContents(*contents) : nullptr;
-  if (!dictionary) {
+  bool isDictionary = false;
+  auto metaData = contents ? metaDataFromContents(*contents, &isDictionary) : std::nullopt;
+  if (!isDictionary) {
     QV_LOG_ERROR("Couldn't read meta data dictionary");
     return false;
   }
-  const auto serviceType = bytesOfValue(plist_dict_get_item(dictionary.get(), QVHandoffMetaServiceTypeKey));
-  const auto key = bytesOfValue(plist_dict_get_item(dictionary.get(), QVHandoffMetaAES256KeyKey));
-  if (!serviceType || serviceType->empty() || !key || key->empty()) {
+  if (!metaData) {
     QV_LOG_ERROR("Meta data dictionary is invalid");
     return false;
   }
-  setServiceType(*serviceType);
-  setAES256Key(QVData(key->begin(), key->end()));
-  QV_LOG_INFO("Meta data read serviceType({})", *serviceType);
+  QV_LOG_INFO("Meta data read serviceType({})", metaData->serviceType);
+  setServiceType(std::move(metaData->serviceType));
+  setAES256Key(std::move(metaData->AES256Key));
   savedMetaModificationDate_ = date;
   savedMetaContents_ = *contents;
   notifyDelegateAboutMetaChange();

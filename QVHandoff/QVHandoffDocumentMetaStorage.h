@@ -33,6 +33,15 @@ public:
   const std::string& metaFileURL() const { return metaFileURL_; }
   std::optional<QVDate> savedMetaModificationDate() const;
 
+  // The service type and key a meta file's contents hold (XML or binary property list); none unless both
+  // are present and non-empty. `isDictionary` tells an unreadable file from one that lacks a value.
+  struct MetaData {
+    std::string serviceType;
+    QVData AES256Key;
+  };
+  static std::optional<MetaData> metaDataFromContents(const std::string& contents,
+                                                      bool* isDictionary = nullptr);
+
   bool readMetaData();
   bool writeMetaData();
   std::optional<QVDate> metaModificationDate() const;

@@ -17,7 +17,7 @@ packages=(
   qt6-base-dev doxygen dpkg-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   iproute2 attr jq
-  clang-format
+  clang-format clang libclang-rt-14-dev
 )
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
