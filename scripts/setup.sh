@@ -14,7 +14,7 @@ packages=(
   libsqlite3-dev dosfstools
   uuid-dev
   libcli11-dev
-  qt6-base-dev doxygen dpkg-dev
+  qt6-base-dev doxygen dpkg-dev help2man
   libgtest-dev libgmock-dev libbenchmark-dev
   iproute2 attr jq
   clang-format clang libclang-rt-14-dev
