@@ -11,6 +11,7 @@
 #include "QVHandoff/QVHandoffMessageCodec.h"
 #include "QVHandoff/QVHandoffPaths.h"
 #include "QVHandoff/QVHandoffProtocol.h"
+#include "QVHandoff/QVHandoffRequestValues.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -48,28 +49,8 @@ std::mutex& lockForPath(const std::string& path) {
   return stripes[std::hash<std::string>{}(path) % stripes.size()];
 }
 
-uint64_t numberFromQueryValue(const std::string& text) {
-  return QVHandoffMessageCodec::numberFormatter().numberFromString(text).value_or(0);
-}
-
-// "{12.5, 300}"; anything else is the origin.
-QVPoint pointFromQueryValue(std::string_view text) {
-  if (text.size() < 2 || text.front() != '{' || text.back() != '}') return {};
-  text = text.substr(1, text.size() - 2);
-  const size_t comma = text.find(',');
-  if (comma == std::string_view::npos) return {};
-  auto trimmed = [](std::string_view part) {
-    while (!part.empty() && part.front() == ' ')
-      part.remove_prefix(1);
-    while (!part.empty() && part.back() == ' ')
-      part.remove_suffix(1);
-    return part;
-  };
-  const auto x = QVParseDoubleNumber(trimmed(text.substr(0, comma)));
-  const auto y = QVParseDoubleNumber(trimmed(text.substr(comma + 1)));
-  if (!x || !y) return {};
-  return {*x, *y};
-}
+using QVHandoffRequestValues::numberFromQueryValue;
+using QVHandoffRequestValues::pointFromQueryValue;
 
 std::optional<std::pair<uint64_t, uint64_t>> identityOfFile(const std::string& path) {
   struct stat info;
