@@ -55,10 +55,14 @@ void QVHTTPConnection::preprocessResponse(QVHTTPHeaders&) {}
 void QVHTTPConnection::die() {}
 
 std::map<std::string, std::string> QVHTTPConnection::parseGetParams() const {
+  return paramsFromRequestURI(requestURI_);
+}
+
+std::map<std::string, std::string> QVHTTPConnection::paramsFromRequestURI(const std::string& requestURI) {
   std::map<std::string, std::string> params;
-  const size_t question = requestURI_.find('?');
+  const size_t question = requestURI.find('?');
   if (question == std::string::npos) return params;
-  std::string_view query(requestURI_);
+  std::string_view query(requestURI);
   query.remove_prefix(question + 1);
   while (!query.empty()) {
     const size_t ampersand = query.find('&');
