@@ -17,6 +17,8 @@ std::optional<std::string> percentDecoded(std::string_view text) {
   result.reserve(text.size());
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] != '%') {
+      // A raw NUL would cut a path short as surely as an encoded one.
+      if (text[i] == '\0') return std::nullopt;
       result += text[i];
       continue;
     }

@@ -140,3 +140,14 @@ TEST(QVCopyRegularFileTest, RefusesWhatIsNotARegularFileAndStopsAtTheSizeSeenAtO
 }
 
 } // namespace
+
+namespace {
+
+// A save back's path with a NUL in it would be written cut short, raw or escaped alike.
+TEST(QVHTTPQueryTest, PairsHoldingANulByteAreLeftOut) {
+  const auto params = QVHTTPConnection::paramsFromRequestURI(
+      std::string("/api/save_back?path=/a\0b&size=1&mod\0ified=2&pdfPoint=%7B1%2C2%7D&nul=x%00", 73));
+  EXPECT_EQ(params, (std::map<std::string, std::string>{{"size", "1"}, {"pdfPoint", "{1,2}"}}));
+}
+
+} // namespace
