@@ -10,6 +10,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <vector>
@@ -58,55 +59,59 @@ bool refused(int code) {
 }
 
 // 0, the errno, or -1 when the call is refused; `copy` moves up to a given count from one descriptor's
-// offset to the other's, as copy_file_range and sendfile do.
-template <class Copy> int copyInKernel(Copy copy) {
-  for (;;) {
-    const ssize_t copied = copy(kKernelCopyChunk);
-    if (copied > 0) continue;
+// offset to the other's, as copy_file_range and sendfile do. Stops once `remaining` bytes went over.
+template <class Copy> int copyInKernel(uint64_t& remaining, Copy copy) {
+  while (remaining > 0) {
+    const ssize_t copied = copy(static_cast<size_t>(std::min<uint64_t>(remaining, kKernelCopyChunk)));
+    if (copied > 0) {
+      remaining -= static_cast<uint64_t>(copied);
+      continue;
+    }
     if (copied == 0) return 0;
     if (errno == EINTR) continue;
     return refused(errno) ? -1 : errno;
   }
+  return 0;
 }
 
-// 0 or the errno.
-int copyContents(int in, int out) {
+// 0 or the errno. Copies at most `limit` bytes: a file that grows meanwhile never fills the disk.
+int copyContents(int in, int out, uint64_t limit) {
   // A reflink shares the blocks, so even a large document costs next to nothing; then a copy in the kernel
   // (server-side on network file systems), then sendfile; file systems that refuse them all get a plain loop.
   // Each way picks up at the offsets the one before may have advanced.
-  if (ioctl(out, FICLONE, in) == 0) return 0;
-  int code = copyInKernel([&](size_t count) { return copy_file_range(in, nullptr, out, nullptr, count, 0); });
-  if (code < 0) code = copyInKernel([&](size_t count) { return sendfile(out, in, nullptr, count); });
+  if (ioctl(out, FICLONE, in) == 0) {
+    struct stat cloned;
+    if (fstat(out, &cloned) != 0) return errno;
+    const auto bound = static_cast<off_t>(limit);
+    return cloned.st_size <= bound || ftruncate(out, bound) == 0 ? 0 : errno;
+  }
+  uint64_t remaining = limit;
+  int code = copyInKernel(remaining,
+                          [&](size_t count) { return copy_file_range(in, nullptr, out, nullptr, count, 0); });
+  if (code < 0)
+    code = copyInKernel(remaining, [&](size_t count) { return sendfile(out, in, nullptr, count); });
   if (code >= 0) return code;
   std::vector<uint8_t> buffer(kCopyBufferSize);
-  for (;;) {
-    const ssize_t count = ::read(in, buffer.data(), buffer.size());
+  while (remaining > 0) {
+    const ssize_t count =
+        ::read(in, buffer.data(), static_cast<size_t>(std::min<uint64_t>(remaining, buffer.size())));
     if (count == 0) return 0;
     if (count < 0) {
       if (errno == EINTR) continue;
       return errno;
     }
-    for (ssize_t done = 0; done < count;) {
-      const ssize_t written = ::write(out, buffer.data() + done, static_cast<size_t>(count - done));
-      if (written < 0) {
-        if (errno == EINTR) continue;
-        return errno;
-      }
-      done += written;
-    }
+    if (!QVWriteAll(out, buffer.data(), static_cast<size_t>(count))) return errno;
+    remaining -= static_cast<uint64_t>(count);
   }
+  return 0;
 }
 
-// 0 or the errno; never leaves a partial destination behind.
-int copyFile(const std::string& source, const std::string& destination) {
-  QVDescriptor in(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
-  if (in.get() < 0) return errno;
-  struct stat info;
-  if (fstat(in.get(), &info) != 0) return errno;
-  QVDescriptor out(
-      ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, info.st_mode & 07777));
+// 0 or the errno; the file stops at the size `in` had when `info` was read, and a partial destination is
+// never left behind.
+int copyOpenFile(int in, const struct stat& info, const std::string& destination, mode_t mode) {
+  QVDescriptor out(::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
   if (out.get() < 0) return errno;
-  int code = copyContents(in.get(), out.get());
+  int code = copyContents(in, out.get(), static_cast<uint64_t>(info.st_size));
   if (code == 0) {
     // The copy keeps the document's date, as its origin reports it; a file system without times is no reason
     // to fail.
@@ -116,6 +121,33 @@ int copyFile(const std::string& source, const std::string& destination) {
   }
   if (code != 0) ::unlink(destination.c_str());
   return code;
+}
+
+// The error for an item that is not a regular file.
+int notRegularFile(const struct stat& info) {
+  return S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+}
+
+// 0 or the errno.
+int copyRegularFile(const std::string& source, const std::string& destination) {
+  struct stat info;
+  if (stat(source.c_str(), &info) != 0) return errno;
+  if (!S_ISREG(info.st_mode)) return notRegularFile(info);
+  // Without O_NONBLOCK a FIFO swapped in since would hold this thread until a writer came.
+  QVDescriptor in(::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (in.get() < 0) return errno;
+  if (fstat(in.get(), &info) != 0) return errno;
+  if (!S_ISREG(info.st_mode)) return notRegularFile(info);
+  return copyOpenFile(in.get(), info, destination, S_IRUSR | S_IWUSR);
+}
+
+// 0 or the errno; never leaves a partial destination behind.
+int copyFile(const std::string& source, const std::string& destination) {
+  QVDescriptor in(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+  if (in.get() < 0) return errno;
+  struct stat info;
+  if (fstat(in.get(), &info) != 0) return errno;
+  return copyOpenFile(in.get(), info, destination, info.st_mode & 07777);
 }
 
 // 0 or the errno.
@@ -142,6 +174,11 @@ int renameReplacing(const std::string& source, const std::string& destination) {
 
 bool QVCopyItem(const std::string& source, const std::string& destination, QVError* error) {
   const int code = copyItem(source, destination);
+  return code == 0 || fail(error, code);
+}
+
+bool QVCopyRegularFile(const std::string& source, const std::string& destination, QVError* error) {
+  const int code = somethingExists(destination) ? EEXIST : copyRegularFile(source, destination);
   return code == 0 || fail(error, code);
 }
 

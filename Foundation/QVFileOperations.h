@@ -19,6 +19,10 @@ struct QVHANDOFF_EXPORT QVFileAttributes {
 
 // Copies a file (or a directory tree) to a destination that must not exist yet.
 QVHANDOFF_EXPORT bool QVCopyItem(const std::string& source, const std::string& destination, QVError* error);
+// Copies a regular file, as large as it was when opened, to a new 0600 file at a destination that must not
+// exist yet. Anything else is refused unread: EISDIR for a folder, EINVAL for a FIFO, device or socket.
+QVHANDOFF_EXPORT bool QVCopyRegularFile(const std::string& source, const std::string& destination,
+                                        QVError* error);
 // Moves source to destination, replacing a file there; works across file systems. A folder is never removed
 // or replaced, nor one reached through a link or named with a trailing "/": that fails with EISDIR.
 QVHANDOFF_EXPORT bool QVMoveItemReplacing(const std::string& source, const std::string& destination,

@@ -6,6 +6,7 @@
 #include "Foundation/QVMainQueue.h"
 #include "Foundation/QVNotificationCenter.h"
 #include "Foundation/QVPaths.h"
+#include "Foundation/QVPrivateTemporaryFile.h"
 #include "Foundation/QVUUID.h"
 #include "Network/HTTPServer/QVHTTPDataResponse.h"
 #include "Network/HTTPServer/QVHTTPErrorResponse.h"
@@ -74,8 +75,10 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::serverInternalErrorResp
   return std::make_shared<QVHTTPErrorResponse>(500);
 }
 
-std::string QVHandoffHTTPConnection::tempFilePath() {
-  return (std::filesystem::path(QVTemporaryDirectory()) / QVUUIDString()).string();
+std::optional<std::string> QVHandoffHTTPConnection::tempFilePath() {
+  const auto folder = QVPrivateTemporaryDirectory();
+  if (!folder) return std::nullopt;
+  return (std::filesystem::path(*folder) / QVUUIDString()).string();
 }
 
 std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::successResponse() const {
@@ -279,10 +282,27 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::handoffDocumentResponse
     QV_LOG_ERROR("Handoff document file path not found in request");
     return serverInternalErrorResponse();
   }
+  if (filePath->find('\0') != std::string::npos) {
+    QV_LOG_ERROR("Handoff document file path contains a NUL byte");
+    return serverInternalErrorResponse();
+  }
+  // A FIFO or a device would hold the copy, or never end it; a path that is missing is left to the host's
+  // copy, which may know it.
+  std::error_code statusError;
+  const auto status = std::filesystem::status(*filePath, statusError);
+  if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+    QV_LOG_ERROR("Handoff document is not a regular file: {}", *filePath);
+    return serverInternalErrorResponse();
+  }
   const auto context = this->context();
   if (!context) return serverInternalErrorResponse();
-  // The host may go on saving the document while a private copy streams.
-  replaceTempFilePath(tempFilePath());
+  // The host may go on saving the document while a private copy streams; no one else may read it meanwhile.
+  auto copyPath = tempFilePath();
+  if (!copyPath) {
+    QV_LOG_ERROR("Couldn't make the private temporary folder on handoff document operation");
+    return serverInternalErrorResponse();
+  }
+  replaceTempFilePath(std::move(*copyPath));
   QVError error;
   if (!context->copyHandoffDocumentAtPath(*filePath, tempFilePath_, &error)) {
     QV_LOG_ERROR("Couldn't copy file on handoff document operation. Error: {}", error.description());
@@ -372,64 +392,75 @@ void QVHandoffHTTPConnection::setRemoteMarks(std::shared_ptr<QVHandoffDocumentIn
   });
 }
 
-std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::markAsModifiedFileResponse() {
-  const auto object = JSONObjectWithAES256EncryptedData(requestBody_);
+std::optional<QVHandoffHTTPConnection::MarkAsModifiedRequest>
+QVHandoffHTTPConnection::markAsModifiedRequestFromData(const QVData& body, const QVData& AES256Key) {
+  const auto object = JSONObjectFromData(body, AES256Key);
   if (!object) {
     QV_LOG_ERROR("Couldn't decrypt mark as modified file request body");
-    return serverInternalErrorResponse();
+    return std::nullopt;
   }
   const auto filePath = stringValue(*object, "filePath");
   if (!filePath) {
     QV_LOG_ERROR("Mark as modified file path not found in request");
-    return serverInternalErrorResponse();
+    return std::nullopt;
   }
   const auto remoteFilePath = stringValue(*object, "remoteFilePath");
   if (!remoteFilePath) {
     QV_LOG_ERROR("Mark as modified remote file path not found in request");
-    return serverInternalErrorResponse();
+    return std::nullopt;
   }
   const auto dateText = stringValue(*object, "remoteFileModificationDate");
   if (!dateText) {
     QV_LOG_ERROR("Mark as modified remote file modification date not found in request");
-    return serverInternalErrorResponse();
+    return std::nullopt;
   }
-  // A date that does not parse is not refused: the notice goes out without it.
-  const auto remoteFileModificationDate = dateFormatter().dateFromString(*dateText);
   const auto remoteDeviceName = stringValue(*object, "remoteDeviceName");
   if (!remoteDeviceName) {
     QV_LOG_ERROR("Mark as modified remote device name not found in request");
-    return serverInternalErrorResponse();
+    return std::nullopt;
   }
   const auto remoteDeviceType = scalarValue(*object, "remoteDeviceType");
   if (!remoteDeviceType) {
     QV_LOG_ERROR("Mark as modified remote device type not found in request");
-    return serverInternalErrorResponse();
+    return std::nullopt;
   }
+  // A date that does not parse is not refused: the notice goes out without it.
+  return MarkAsModifiedRequest{*filePath, *remoteFilePath, dateFormatter().dateFromString(*dateText),
+                               *remoteDeviceName, *remoteDeviceType};
+}
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::markAsModifiedFileResponse() {
+  const auto request = markAsModifiedRequestFromData(requestBody_, handoffServer_.AES256Key());
+  if (!request) return serverInternalErrorResponse();
   const auto context = this->context();
   if (!context) return serverInternalErrorResponse();
-  if (auto documentInfo = context->localDocumentInfoForFilePath(*filePath)) {
-    setRemoteMarks(documentInfo, *remoteDeviceName, *remoteFilePath);
-    QVUserInfo userInfo = {{QVHandoffManagerFilePathKey, *filePath},
-                           {QVHandoffManagerDeviceNameKey, *remoteDeviceName},
-                           {QVHandoffManagerDeviceTypeKey, *remoteDeviceType}};
-    if (remoteFileModificationDate)
-      userInfo[QVHandoffManagerFileModificationDateKey] = *remoteFileModificationDate;
+  if (auto documentInfo = context->localDocumentInfoForFilePath(request->filePath)) {
+    setRemoteMarks(documentInfo, request->remoteDeviceName, request->remoteFilePath);
+    QVUserInfo userInfo = {{QVHandoffManagerFilePathKey, request->filePath},
+                           {QVHandoffManagerDeviceNameKey, request->remoteDeviceName},
+                           {QVHandoffManagerDeviceTypeKey, request->remoteDeviceType}};
+    if (request->remoteFileModificationDate)
+      userInfo[QVHandoffManagerFileModificationDateKey] = *request->remoteFileModificationDate;
     postOnMainThread(QVHandoffManagerDidMarkLocalFileAsModifiedNotification, std::move(userInfo));
   }
   return successResponse();
 }
 
-std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::forceRemoteSaveBackFileResponse() {
-  const auto object = JSONObjectWithAES256EncryptedData(requestBody_);
+std::optional<std::string>
+QVHandoffHTTPConnection::forceRemoteSaveBackFilePathFromData(const QVData& body, const QVData& AES256Key) {
+  const auto object = JSONObjectFromData(body, AES256Key);
   if (!object) {
     QV_LOG_ERROR("Couldn't decrypt force remote save back file request body");
-    return serverInternalErrorResponse();
+    return std::nullopt;
   }
-  const auto filePath = stringValue(*object, "filePath");
-  if (!filePath) {
-    QV_LOG_ERROR("Force remote save back file path not found in request");
-    return serverInternalErrorResponse();
-  }
+  auto filePath = stringValue(*object, "filePath");
+  if (!filePath) QV_LOG_ERROR("Force remote save back file path not found in request");
+  return filePath;
+}
+
+std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::forceRemoteSaveBackFileResponse() {
+  const auto filePath = forceRemoteSaveBackFilePathFromData(requestBody_, handoffServer_.AES256Key());
+  if (!filePath) return serverInternalErrorResponse();
   postOnMainThread(QVHandoffManagerRequestsForceSaveBackRemoteFileNotification,
                    {{QVHandoffManagerFilePathKey, *filePath}});
   return successResponse();

@@ -18,7 +18,8 @@ bool defaultFileOperation(const std::string& sourcePath, const std::string& dest
 
 } // namespace
 
-const QVHandoffCopyFileBlock QVHandoffManagerDefaultCopyFileBlock = defaultFileOperation<&QVCopyItem>;
+// Only regular files, cut at the size they had when opened: a peer may name a FIFO, a device or /dev/zero.
+const QVHandoffCopyFileBlock QVHandoffManagerDefaultCopyFileBlock = defaultFileOperation<&QVCopyRegularFile>;
 const QVHandoffMoveFileBlock QVHandoffManagerDefaultMoveFileBlock =
     defaultFileOperation<&QVMoveItemReplacing>;
 

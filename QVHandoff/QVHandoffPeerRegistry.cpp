@@ -324,19 +324,26 @@ void QVHandoffPeerRegistry::performTabsListHTTPRequestForServerInfo(
           registry->handleResponseError(*error, serverInfo);
           return;
         }
-        const auto tabs = serverInfo->JSONObjectWithAES256EncryptedData(body.value_or(QVData()));
-        if (!tabs || !tabs->is_array()) {
-          // No retry: the peer stays hidden until its next TXT change.
-          QV_LOG_ERROR("Couldn't decrypt tabs list response data");
-          return;
-        }
-        const auto active = takeInTabsList(*tabs, serverInfo);
+        // No retry when it cannot be read: the peer stays hidden until its next TXT change.
+        const auto active = takeInTabsListData(body.value_or(QVData()), serverInfo);
+        if (!active) return;
         const auto owner = registry->owner_.lock();
-        if (active && owner) owner->postActiveRemoteDocumentChange(active);
+        if (*active && owner) owner->postActiveRemoteDocumentChange(*active);
         registry->postServersInfoUpdateNotification();
       });
   serverInfo->setTabsListRequestHTTPOperation(task);
   task->resume();
+}
+
+std::optional<std::shared_ptr<QVHandoffDocumentInfo>>
+QVHandoffPeerRegistry::takeInTabsListData(const QVData& body,
+                                          const std::shared_ptr<QVHandoffServerInfo>& serverInfo) {
+  const auto tabs = serverInfo->JSONObjectWithAES256EncryptedData(body);
+  if (!tabs || !tabs->is_array()) {
+    QV_LOG_ERROR("Couldn't decrypt tabs list response data");
+    return std::nullopt;
+  }
+  return takeInTabsList(*tabs, serverInfo);
 }
 
 void QVHandoffPeerRegistry::handleResponseError(const QVError& error,

@@ -87,6 +87,11 @@ public:
   void performTabsListHTTPRequestForServerInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
   void handleResponseError(const QVError& error, const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
 
+  // A peer's answer to the tabs-list request read into the record's documents: the new active document when
+  // the host must hear of it, else null; none (logged) when it is not an encrypted JSON list.
+  static std::optional<std::shared_ptr<QVHandoffDocumentInfo>>
+  takeInTabsListData(const QVData& body, const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
+
   std::shared_ptr<QVHandoffServerInfo> remoteServerInfoForService(const QVNetService& service) const;
   uint64_t indexOfRemoteServerInfoForService(const QVNetService& service) const;
   std::shared_ptr<QVHandoffServerInfo> serverInfoForDeviceName(const std::string& deviceName) const;

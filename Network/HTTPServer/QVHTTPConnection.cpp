@@ -17,6 +17,8 @@ std::optional<std::string> percentDecoded(std::string_view text) {
   result.reserve(text.size());
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] != '%') {
+      // A raw NUL would cut a path short as surely as an encoded one.
+      if (text[i] == '\0') return std::nullopt;
       result += text[i];
       continue;
     }
@@ -55,10 +57,14 @@ void QVHTTPConnection::preprocessResponse(QVHTTPHeaders&) {}
 void QVHTTPConnection::die() {}
 
 std::map<std::string, std::string> QVHTTPConnection::parseGetParams() const {
+  return paramsFromRequestURI(requestURI_);
+}
+
+std::map<std::string, std::string> QVHTTPConnection::paramsFromRequestURI(const std::string& requestURI) {
   std::map<std::string, std::string> params;
-  const size_t question = requestURI_.find('?');
+  const size_t question = requestURI.find('?');
   if (question == std::string::npos) return params;
-  std::string_view query(requestURI_);
+  std::string_view query(requestURI);
   query.remove_prefix(question + 1);
   while (!query.empty()) {
     const size_t ampersand = query.find('&');

@@ -50,8 +50,10 @@ public:
   const std::string& requestURI() const { return requestURI_; }
   const std::string& requestMethod() const { return requestMethod_; }
   // The query string as a map, percent-decoded ('+' is kept as it is). A pair with an invalid escape,
-  // or one that decodes to a NUL byte, is left out; of repeated keys the first wins.
+  // or one that holds or decodes to a NUL byte, is left out; of repeated keys the first wins.
   std::map<std::string, std::string> parseGetParams() const;
+  // The same for any request URI.
+  static std::map<std::string, std::string> paramsFromRequestURI(const std::string& requestURI);
   // Drops the socket after the current callback: no response is sent.
   void disconnect() { disconnecting_ = true; }
   bool isDisconnecting() const { return disconnecting_; }

@@ -15,7 +15,8 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -DQVHANDOFF_FUZZ=ON -DQVHANDOFF_TEST
 cmake --build "$build" -j "$(nproc)" --target qvhandoff_fuzz >/dev/null
 
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(MessageCodecFuzz TXTRecordFuzz MetaFileFuzz FormattersFuzz)
+[ ${#targets[@]} -gt 0 ] || targets=(MessageCodecFuzz TXTRecordFuzz MetaFileFuzz FormattersFuzz TabsListFuzz SaveBackQueryFuzz RequestReadersFuzz
+  ServeInputLineFuzz)
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 failed=0
