@@ -10,7 +10,9 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 QV_LOG_SOURCE("QVHandoff/QVHandoffCopyIndex")
 
@@ -21,6 +23,7 @@ namespace {
 constexpr const char* kDatabaseName = "copies.sqlite";
 // A one-shot command and a running server write at the same moment now and then; neither should fail for it.
 constexpr int kBusyTimeoutMilliseconds = 5000;
+constexpr int kSetUpRetryMilliseconds = 20;
 
 using QVStatement = std::unique_ptr<sqlite3_stmt, QVCFree<&sqlite3_finalize>>;
 
@@ -72,11 +75,20 @@ bool QVHandoffCopyIndex::open() {
   const int opened = sqlite3_open_v2(
       path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
   database_.reset(database);
-  if (opened != SQLITE_OK || sqlite3_busy_timeout(database, kBusyTimeoutMilliseconds) != SQLITE_OK ||
-      !execute("PRAGMA journal_mode=WAL") ||
-      !execute(
-          "CREATE TABLE IF NOT EXISTS tags (copy TEXT NOT NULL, name TEXT NOT NULL, value BLOB NOT NULL, "
-          "PRIMARY KEY (copy, name)) WITHOUT ROWID")) {
+  // Two processes opening a fresh index at once: switching it to WAL can answer "locked" at once rather
+  // than through the busy handler, so the set-up is tried again for as long as the busy timeout.
+  const auto setUp = [&] {
+    return execute("PRAGMA journal_mode=WAL") &&
+           execute("CREATE TABLE IF NOT EXISTS tags (copy TEXT NOT NULL, name TEXT NOT NULL, value BLOB NOT "
+                   "NULL, PRIMARY KEY (copy, name)) WITHOUT ROWID");
+  };
+  bool ready = opened == SQLITE_OK && sqlite3_busy_timeout(database, kBusyTimeoutMilliseconds) == SQLITE_OK;
+  for (int waited = 0; ready && !setUp(); waited += kSetUpRetryMilliseconds) {
+    const int code = sqlite3_errcode(database);
+    ready = (code == SQLITE_BUSY || code == SQLITE_LOCKED) && waited < kBusyTimeoutMilliseconds;
+    if (ready) std::this_thread::sleep_for(std::chrono::milliseconds(kSetUpRetryMilliseconds));
+  }
+  if (!ready) {
     QV_LOG_WARN("Couldn't open copy index at {}: {}", path,
                 database ? sqlite3_errmsg(database) : "no memory");
     database_.reset();
