@@ -37,6 +37,17 @@ struct QVTransferOutcome {
   bool ended() const { return !completions.empty() || !errors.empty(); }
 };
 
+// The files anywhere under `folder`: private temporary folders stay, what they held must not.
+inline std::vector<std::filesystem::path> filesUnder(const std::filesystem::path& folder) {
+  std::vector<std::filesystem::path> files;
+  std::error_code error;
+  for (auto entry = std::filesystem::recursive_directory_iterator(folder, error);
+       !error && entry != std::filesystem::recursive_directory_iterator(); entry.increment(error)) {
+    if (!entry->is_directory()) files.push_back(entry->path());
+  }
+  return files;
+}
+
 class QVHandoffServerTest : public ::testing::Test {
 protected:
   void SetUp() override {
