@@ -90,8 +90,11 @@ private:
 };
 
 std::vector<fs::path> regularFilesUnder(const fs::path& folder) {
-  std::vector<fs::path> files = filesUnder(folder);
-  std::erase_if(files, [](const fs::path& path) { return !fs::is_regular_file(path); });
+  std::vector<fs::path> files;
+  std::error_code missing;
+  for (const auto& item : fs::recursive_directory_iterator(folder, missing)) {
+    if (item.is_regular_file()) files.push_back(item.path());
+  }
   return files;
 }
 
