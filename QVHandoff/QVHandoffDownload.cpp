@@ -3,15 +3,22 @@
 #include "Foundation/QVDateFormatting.h"
 #include "Foundation/QVFileHandle.h"
 #include "Foundation/QVLog.h"
+#include "Foundation/QVPaths.h"
+#include "Foundation/QVPrivateTemporaryFile.h"
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 #include "Network/HTTPClient/QVHTTPURLResponse.h"
 #include "QVHandoff/QVHandoffAES256Cryptor.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 #include "QVHandoff/QVHandoffManager.h"
+#include "QVHandoff/QVHandoffPaths.h"
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <limits>
 #include <string_view>
 
@@ -23,6 +30,7 @@ namespace {
 // whole pages, a batch at a time: a page-cache write per piece costs more than decrypting it.
 constexpr size_t kDownloadBatchSize = 128 * 1024;
 constexpr size_t kPageSize = 4096;
+constexpr int kMoveAttempts = 8;
 
 // Leading white space skipped, digits up to the first other character; a number too large saturates.
 std::optional<uint64_t> scanUnsignedLongLong(std::string_view text) {
@@ -53,9 +61,13 @@ void QVHandoffDownload::start(QVHTTPSessionManager& session, const QVURLRequest&
     const std::lock_guard lock(dataLock_);
     decryptor_ = QVHandoffAES256Cryptor::decryptorWithKeyData(key);
   }
-  // Not checked: chunks then go nowhere and the tagging reports the missing file.
-  setFileHandle(QVFileHandle::forCreatingAtPath(targetPath));
-  setFinalFilePath(targetPath);
+  // Not checked: chunks then go nowhere and the download ends incomplete.
+  QVError error;
+  if (const auto partial = QVCreatePrivateFile(std::filesystem::path(targetPath).parent_path().string(),
+                                               QVHandoffPaths::kPartialDownloadPrefix, &error)) {
+    setTempFilePath(partial->path);
+    setFileHandle(QVFileHandle::forWritingAtPath(partial->path));
+  }
   // Streamed: the document only ever passes through the data callback, never whole in memory.
   const auto task = session.dataTaskWithRequest(request, std::move(completion),
                                                 QVURLSessionDataTask::BodyDelivery::Streamed);
@@ -67,16 +79,26 @@ void QVHandoffDownload::start(QVHTTPSessionManager& session, const QVURLRequest&
         if (chunkTask->taskIdentifier() != taskIdentifier) return;
         // Torn down already (cancelled, failed): nothing more to decrypt or write.
         if (chunkTask->state() == QVURLSessionDataTask::State::Canceling) return;
-        if (const auto download = weakDownload.lock()) download->receive(data);
+        const auto response = chunkTask->response();
+        const auto announced =
+            response ? response->valueForHTTPHeaderField(QVHandoffDecodedContentLengthHeader) : std::nullopt;
+        if (const auto download = weakDownload.lock())
+          download->receive(data, announced ? scanUnsignedLongLong(*announced) : std::nullopt);
       });
   setFileTransferHTTPOperation(task);
   task->resume();
 }
 
-void QVHandoffDownload::receive(std::span<const uint8_t> piece) {
+void QVHandoffDownload::receive(std::span<const uint8_t> piece, std::optional<uint64_t> announcedLength) {
   const auto documentInfo = documentInfo_.lock();
   if (!documentInfo) return;
+  if (!announcedLength) {
+    QV_LOG_ERROR("Handoff remote document request failed to get new file size.");
+    handleFileTransferError(QVHandoffManager::internalError());
+    return;
+  }
   bool decrypted = false;
+  bool overLength = false;
   {
     const std::lock_guard lock(dataLock_);
     if (decryptor_) {
@@ -90,13 +112,19 @@ void QVHandoffDownload::receive(std::span<const uint8_t> piece) {
                                                      std::span(batch_).subspan(batchLength_), overflow);
       if (length) {
         batchLength_ += *length;
+        decryptedLength_ += *length;
         decrypted = true;
-        handOnBatch(documentInfo->fileSize(), false);
+        // A peer that sends more than it announced is not read on: it may never stop.
+        overLength = decryptedLength_ > *announcedLength;
+        if (!overLength) handOnBatch(documentInfo->fileSize(), false);
       }
     }
   }
   if (!decrypted) {
     QV_LOG_ERROR("Handoff remote document request decryption update error");
+    handleFileTransferError(QVHandoffManager::internalError());
+  } else if (overLength) {
+    QV_LOG_ERROR("Handoff remote document request file transfer exceeds announced size");
     handleFileTransferError(QVHandoffManager::internalError());
   }
 }
@@ -144,4 +172,20 @@ bool QVHandoffDownload::finish(const QVHTTPURLResponse* response, QVHandoffDocum
     return false;
   }
   return true;
+}
+
+std::optional<std::string> QVHandoffDownload::moveIntoPlace(const std::string& targetPath) {
+  const std::string partialPath = tempFilePath();
+  // A copy of the same name may appear meanwhile (another download of it): never replaced, a new name tried.
+  for (int attempt = 0; attempt < kMoveAttempts; ++attempt) {
+    const std::string path = QVGenerateMacStyleUniquePath(targetPath, 0);
+    if (::renameat2(AT_FDCWD, partialPath.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
+      // Renamed: no teardown may remove it as the partial file any more.
+      setTempFilePath({});
+      return path;
+    }
+    if (errno != EEXIST) break;
+  }
+  QV_LOG_ERROR("Couldn't move handed-off copy into place at path ({}): {}", targetPath, std::strerror(errno));
+  return std::nullopt;
 }

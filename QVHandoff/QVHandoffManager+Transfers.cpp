@@ -6,9 +6,11 @@
 #include "Foundation/QVMainQueue.h"
 #include "Foundation/QVNotificationCenter.h"
 #include "Foundation/QVPaths.h"
+#include "Foundation/QVPrivateTemporaryFile.h"
 #include "Foundation/QVUUID.h"
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 #include "Network/HTTPClient/QVHTTPURLResponse.h"
+#include "QVHandoff/QVHandoffCopyIndex.h"
 #include "QVHandoff/QVHandoffDownload.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"
 #include "QVHandoff/QVHandoffRequests.h"
@@ -16,6 +18,7 @@
 #include "QVHandoff/QVHandoffUpload.h"
 
 #include <filesystem>
+#include <sys/stat.h>
 
 QV_LOG_SOURCE("QVHandoff/QVHandoffManager")
 
@@ -69,8 +72,11 @@ std::shared_ptr<QVHandoffDocumentInfo> transferInFlight(std::mutex& mutex, const
   return QVHandoffManager::documentInfo(documentInfo, set);
 }
 
-std::string temporaryFilePath() {
-  return (std::filesystem::path(QVTemporaryDirectory()) / QVUUIDString()).string();
+// A free name in the private temporary folder, which only this user can enter; none without that folder.
+std::optional<std::string> privateTemporaryFilePath() {
+  const auto folder = QVPrivateTemporaryDirectory();
+  if (!folder) return std::nullopt;
+  return (std::filesystem::path(*folder) / QVUUIDString()).string();
 }
 
 bool isResolved(const std::shared_ptr<QVHandoffServerInfo>& serverInfo) {
@@ -112,8 +118,8 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
     download->handleFileTransferError(internalError());
     return;
   }
-  const std::string targetPath =
-      QVGenerateMacStyleUniquePath(handoffFilePathForDocumentWithInfo(*documentInfo), 0);
+  // The copy gets a free name beside this one only once it is whole and tagged.
+  const std::string targetPath = handoffFilePathForDocumentWithInfo(*documentInfo);
   // Reaches the download itself, not the record: a record restarted meanwhile is not this download's.
   download->start(HTTPSessionManager(), *request, serverInfo->AES256Key(), targetPath,
                   [this, manager = weak_from_this().lock(), serverInfo, documentInfo, download,
@@ -135,8 +141,17 @@ void QVHandoffManager::performHandoffRemoteDocumentHTTPRequestForDocumentInfo(
                       updated->setFileSize(documentInfo->fileSize());
                       updated->setFileModificationDate(documentInfo->fileModificationDate());
                     }
-                    addDocumentInfo(*documentInfo, targetPath);
-                    download->handleFileTransferCompletion(targetPath);
+                    // Tagged before it takes its name; the index, kept by path, follows it there.
+                    const std::string partialPath = download->tempFilePath();
+                    addDocumentInfo(*documentInfo, partialPath);
+                    const auto copyPath = download->moveIntoPlace(targetPath);
+                    QVHandoffCopyIndex::shared().removeTags(partialPath);
+                    if (!copyPath) {
+                      download->handleFileTransferError(internalError());
+                      return;
+                    }
+                    addDocumentInfo(*documentInfo, *copyPath);
+                    download->handleFileTransferCompletion(*copyPath);
                   });
 }
 
@@ -187,7 +202,7 @@ void QVHandoffManager::performSaveBackHTTPRequestForDocumentWithInfo(
     return;
   }
   const std::string URL = QVHandoffUpload::saveBackURL(*serverInfo, *documentInfo);
-  upload->setTempFilePath(temporaryFilePath());
+  upload->setTempFilePath(privateTemporaryFilePath().value_or(std::string()));
 
   const std::string saveBackFilePath = documentInfo->saveBackFilePath();
   QVNotificationCenter::defaultCenter().post(QVHandoffManagerWillSaveBackLocalDocumentNotification, this,
@@ -195,7 +210,10 @@ void QVHandoffManager::performSaveBackHTTPRequestForDocumentWithInfo(
   // The upload reads a private copy, so the host may go on saving the document meanwhile.
   QVError copyError;
   const auto copyFile = copyFileBlock();
-  if (!copyFile || !copyFile(saveBackFilePath, upload->tempFilePath(), &copyError)) {
+  const std::string copyPath = upload->tempFilePath();
+  // The copy takes the document's mode; its folder keeps others out until it is narrowed to ours.
+  if (copyPath.empty() || !copyFile || !copyFile(saveBackFilePath, copyPath, &copyError) ||
+      ::chmod(copyPath.c_str(), S_IRUSR | S_IWUSR) != 0) {
     QV_LOG_ERROR("Couldn't copy file for save back operation. Error: {}", copyError.description());
     upload->handleFileTransferError(internalError());
     return;

@@ -3,6 +3,7 @@
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
+#include "QVHandoff/QVHandoffPaths.h"
 #include "QVHandoff/QVHandoffSaveBackReceiver.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
 #include "QVHandoff/QVHandoffiCloudDocumentsPresenter.h"
@@ -139,6 +140,7 @@ void QVHandoffManager::startHandoffService() {
   iCloudWasNotConfiguredOnServiceStart_ = false;
   QV_LOG_INFO("Start handoff service");
   QVHandoffSaveBackReceiver::sweepLeftovers();
+  QVHandoffPaths::sweepPartialDownloads(handoffDirectoryPath());
   // Started but silent until the master storage has a service type; its arrival restarts the service.
   if (masterStorage_->serviceType().empty()) return;
   localServer()->setAES256Key(masterStorage_->AES256Key());

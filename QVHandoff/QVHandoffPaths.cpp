@@ -66,4 +66,16 @@ bool isReadyFilePath(const std::string& path) {
   return QVFileExists(path, &isDirectory) && !isDirectory;
 }
 
+void sweepPartialDownloads(const std::string& folder) {
+  std::error_code error;
+  // Symbolic links are not followed: the sweep stays inside the handoff folder.
+  for (auto entry = fs::recursive_directory_iterator(folder, error);
+       !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+    std::error_code ignored;
+    if (entry->is_regular_file(ignored) && !entry->is_symlink(ignored) &&
+        entry->path().filename().string().starts_with(kPartialDownloadPrefix))
+      fs::remove(entry->path(), ignored);
+  }
+}
+
 } // namespace QVHandoffPaths

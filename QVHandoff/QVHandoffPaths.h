@@ -21,4 +21,10 @@ std::string uniqueEmptyFilePath(const std::string& folder, const QVHandoffDocume
 // Something that is not a folder exists at `path`.
 bool isReadyFilePath(const std::string& path);
 
+// How a download still arriving is named in the folder of its copy; nothing else bears this name.
+inline constexpr const char* kPartialDownloadPrefix = ".qvhandoff-partial-";
+// Removes the files named like a download still arriving anywhere under `folder`: an installation killed
+// mid-download leaves them, none of them is a copy yet.
+void sweepPartialDownloads(const std::string& folder);
+
 } // namespace QVHandoffPaths

@@ -18,18 +18,19 @@ using namespace QVHandoffRequests;
 
 namespace {
 
-uint64_t unsignedValue(const nlohmann::json& object, const char* key) {
+// A whole, non-negative number; floating-point and negative values are a peer's mistake, not a size.
+std::optional<uint64_t> unsignedValue(const nlohmann::json& object, const char* key) {
   const auto found = object.find(key);
-  if (found == object.end()) return 0;
+  if (found == object.end() || !found->is_number_integer()) return std::nullopt;
   if (found->is_number_unsigned()) return found->get<uint64_t>();
-  if (found->is_number_integer()) return static_cast<uint64_t>(found->get<int64_t>());
-  if (found->is_number_float()) return static_cast<uint64_t>(found->get<double>());
-  return 0;
+  const int64_t value = found->get<int64_t>();
+  return value < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(value));
 }
 
-std::string stringValue(const nlohmann::json& object, const char* key) {
+std::optional<std::string> stringValue(const nlohmann::json& object, const char* key) {
   const auto found = object.find(key);
-  return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+  if (found == object.end() || !found->is_string()) return std::nullopt;
+  return found->get<std::string>();
 }
 
 } // namespace
@@ -78,9 +79,18 @@ bool QVHandoffUpload::takeAnswer(const QVData& body, const QVHandoffServerInfo& 
     QV_LOG_ERROR("Couldn't decrypt save back file response data");
     return false;
   }
-  documentInfo.setFilePath(stringValue(*object, "filePath"));
-  documentInfo.setFileSize(unsignedValue(*object, "fileSize"));
-  documentInfo.setFileModificationDate(
-      QVHandoffMessageCodec::dateFormatter().dateFromString(stringValue(*object, "fileModificationDate")));
+  // Checked whole before the record changes: a half-taken answer would re-tag the copy wrongly.
+  const auto filePath = stringValue(*object, "filePath");
+  const auto fileSize = unsignedValue(*object, "fileSize");
+  const auto dateText = stringValue(*object, "fileModificationDate");
+  const auto date =
+      dateText ? QVHandoffMessageCodec::dateFormatter().dateFromString(*dateText) : std::nullopt;
+  if (!filePath || filePath->empty() || !fileSize || !date) {
+    QV_LOG_ERROR("Couldn't decrypt save back file response data");
+    return false;
+  }
+  documentInfo.setFilePath(*filePath);
+  documentInfo.setFileSize(*fileSize);
+  documentInfo.setFileModificationDate(date);
   return true;
 }

@@ -37,6 +37,9 @@ using Clock = std::chrono::steady_clock;
 // A streamed download comes in in slices this large (curl's default is 16 KiB): each slice costs a wakeup
 // and a cipher call, and larger ones gain no speed and only cost memory. Small answers keep the default.
 constexpr long kStreamedDownloadBufferSize = 128 * 1024;
+// A buffered answer (a tabs list, a save-back answer) is small; one larger is refused rather than gathered,
+// so a peer cannot fill this process's memory. Documents are streamed and have no such bound.
+constexpr size_t kBufferedBodyLimit = 1024 * 1024;
 // A streamed upload is read and encrypted on a thread of its own, up to two chunks ahead of curl, which
 // sends one chunk per call from a buffer of its own. Fewer, larger sends leave more of the machine to the
 // cipher, which is what bounds an upload (curl's default buffer is 64 KiB).
@@ -50,6 +53,7 @@ constexpr int kPollMilliseconds = 250;
 constexpr int64_t kUnknownErrorCode = -1;
 constexpr int64_t kBadURLErrorCode = -1000;
 constexpr int64_t kUnsupportedURLErrorCode = -1002;
+constexpr int64_t kDataLengthExceedsMaximumErrorCode = -1103;
 
 QVError URLError(int64_t code, QVUserInfo userInfo = {}) {
   return QVError{QVURLErrorDomain, code, std::move(userInfo)};
@@ -149,6 +153,7 @@ private:
     curl_off_t lastDownloaded = 0;
     curl_off_t lastUploaded = 0;
     bool timedOut = false;
+    bool bodyTooLarge = false;
     // A body stream is pulled a slice ahead on a thread of its own; it goes before the task that holds the
     // stream.
     std::unique_ptr<QVReadAhead> bodyAhead;
@@ -432,7 +437,9 @@ void QVHTTPSessionEngine::finishTransfer(CURL* easy, std::optional<CURLcode> res
                        {{QVHTTPStatusCodeErrorKey, static_cast<int64_t>(transfer.statusCode)}});
     }
   } else {
-    error = URLError(transfer.timedOut ? QVURLError::TimedOut : URLErrorCodeForResult(*result));
+    error = URLError(transfer.timedOut       ? QVURLError::TimedOut
+                     : transfer.bodyTooLarge ? kDataLengthExceedsMaximumErrorCode
+                                             : URLErrorCodeForResult(*result));
     QV_LOG_DEBUG("HTTP request to {} failed: {} ({})", transfer.task->originalRequest().URL(),
                  curl_easy_strerror(*result), transfer.errorText);
   }
@@ -501,6 +508,12 @@ size_t QVHTTPSessionEngine::onWrite(char* buffer, size_t size, size_t count, voi
   QVHTTPSessionEngine& engine = *transfer.engine;
   const size_t length = size * count;
   if (transfer.task->isCancelled() || engine.stopping() || !engine.completeResponseHead(transfer)) return 0;
+  if (transfer.task->bodyDelivery() == QVURLSessionDataTask::BodyDelivery::Buffered &&
+      transfer.body.size() + length > kBufferedBodyLimit) {
+    QV_LOG_ERROR("HTTP response body over {} bytes refused", kBufferedBodyLimit);
+    transfer.bodyTooLarge = true;
+    return 0;
+  }
   try {
     std::shared_ptr<const QVHTTPSessionManager::DataTaskDidReceiveDataBlock> block;
     {

@@ -18,7 +18,7 @@ protected:
   std::shared_ptr<QVTransferOutcome> finished(std::shared_ptr<QVTransferOutcome> outcome) {
     EXPECT_TRUE(QVRunMainQueueUntil([&] { return outcome->ended(); }));
     // The client keeps its connection: only the files tell that both sides cleaned up.
-    EXPECT_TRUE(QVRunMainQueueUntil([&] { return std::filesystem::is_empty(tmp_); }));
+    EXPECT_TRUE(QVRunMainQueueUntil([&] { return noFileIn(tmp_); }));
     EXPECT_TRUE(manager_->saveBackDocumentsInfo().empty());
     return outcome;
   }
@@ -203,7 +203,7 @@ TEST_F(SaveBackTest, FailedSaveBacksLeaveTheCopyAndTheOriginalAsTheyWere) {
   ASSERT_TRUE(QVRunMainQueueUntil([&] { return !cancelled->progress.empty(); }));
   settle();
   EXPECT_FALSE(cancelled->ended());
-  EXPECT_TRUE(QVRunMainQueueUntil([&] { return std::filesystem::is_empty(tmp_); }));
+  EXPECT_TRUE(QVRunMainQueueUntil([&] { return noFileIn(tmp_); }));
   EXPECT_TRUE(QVReadFile(origin->filePath()) == original);
   EXPECT_TRUE(QVReadFile(copy) == edited);
 
@@ -218,6 +218,76 @@ TEST_F(SaveBackTest, FailedSaveBacksLeaveTheCopyAndTheOriginalAsTheyWere) {
   expectUntouched(*finished(saveBack(copy, remote(*origin))), QVURLError::CannotConnectToHost,
                   QVURLErrorDomain);
   EXPECT_TRUE(log_.contains("Save back file request error", "error"));
+}
+
+TEST_F(SaveBackTest, AnAnswerWithMistypedFieldsFailsAndLeavesTheTags) {
+  const auto origin = document("Doc.pdf", QVTestBytes(100));
+  const auto record = remote(*origin);
+  const std::string copy = editedCopy(*record, QVTestBytes(120, 2));
+  const auto before = QVHandoffManager::documentInfoForFileAtPath(copy);
+  ASSERT_TRUE(before);
+  const std::string date = QVHandoffMessageCodec::dateFormatter().stringFromDate(
+      *record->fileModificationDate() + std::chrono::hours(1));
+  const nlohmann::json answers[] = {
+      {{"filePath", 5}, {"fileSize", 120}, {"fileModificationDate", date}},
+      {{"filePath", "/elsewhere/Doc.pdf"}, {"fileSize", "120"}, {"fileModificationDate", date}},
+      {{"filePath", "/elsewhere/Doc.pdf"}, {"fileSize", -1}, {"fileModificationDate", date}},
+      {{"filePath", "/elsewhere/Doc.pdf"}, {"fileSize", 1.5}, {"fileModificationDate", date}},
+      {{"filePath", "/elsewhere/Doc.pdf"}, {"fileSize", 120}, {"fileModificationDate", "yesterday"}},
+      {{"filePath", "/elsewhere/Doc.pdf"}, {"fileSize", 120}},
+      nlohmann::json::array(),
+      // Last, the well-formed answer: the same peer does re-tag the copy with it.
+      {{"filePath", "/elsewhere/Doc.pdf"}, {"fileSize", 120}, {"fileModificationDate", date}},
+  };
+  for (const auto& answer : answers) {
+    const QVData body = encrypt(answer);
+    std::string reply = fmt::format("HTTP/1.1 200 OK\r\nContent-Length: {}\r\n\r\n", body.size());
+    reply.append(body.begin(), body.end());
+    QVRawHTTPServer peer(reply, true);
+    const auto service = addPeer("Studio", key_, peer.port());
+    const auto outcome = finished(saveBack(copy, remote(*origin)));
+    const auto tags = QVHandoffManager::documentInfoForFileAtPath(copy);
+    ASSERT_TRUE(tags) << answer;
+    if (&answer == &answers[std::size(answers) - 1]) {
+      EXPECT_EQ(outcome->completions, std::vector<std::string>{copy});
+      EXPECT_EQ(tags->filePath(), "/elsewhere/Doc.pdf");
+      EXPECT_EQ(tags->fileSize(), 120u);
+    } else {
+      EXPECT_TRUE(outcome->completions.empty()) << answer;
+      ASSERT_EQ(outcome->errors.size(), 1u) << answer;
+      EXPECT_EQ(outcome->errors[0], (QVError{QVHandoffErrorDomain, 0, {}})) << answer;
+      EXPECT_TRUE(log_.contains("Couldn't decrypt save back file response data", "error")) << answer;
+      EXPECT_EQ(tags->filePath(), before->filePath()) << answer;
+      EXPECT_EQ(tags->fileSize(), before->fileSize()) << answer;
+      EXPECT_EQ(tags->fileModificationDate(), before->fileModificationDate()) << answer;
+    }
+    manager_->removeRemoteServerInfoForService(service);
+    log_.clear();
+  }
+}
+
+TEST_F(SaveBackTest, TheUploadedCopyIsPrivateWhileItExists) {
+  addPeer("Studio", key_, server_.port());
+  const auto origin = document("Doc.pdf", QVTestBytes(100));
+  const std::string copy = editedCopy(*remote(*origin), QVTestBytes(5 * 1024 * 1024, 3));
+  ::chmod(copy.c_str(), 0644);
+  std::vector<std::filesystem::perms> seen;
+  const auto outcome = finished(saveBack(copy, remote(*origin), [&] {
+    std::error_code missing;
+    for (const auto& item : std::filesystem::recursive_directory_iterator(tmp_, missing)) {
+      if (item.is_directory()) continue;
+      const auto& file = item.path();
+      seen.push_back(std::filesystem::status(file).permissions());
+      seen.push_back(std::filesystem::status(file.parent_path()).permissions());
+    }
+  }));
+  ASSERT_EQ(outcome->completions, std::vector<std::string>{copy});
+  ASSERT_FALSE(seen.empty());
+  using enum std::filesystem::perms;
+  for (size_t i = 0; i < seen.size(); i += 2) {
+    EXPECT_EQ(seen[i] & all, owner_read | owner_write);
+    EXPECT_EQ(seen[i + 1] & all, owner_all);
+  }
 }
 
 } // namespace
