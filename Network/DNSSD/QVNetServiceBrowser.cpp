@@ -70,9 +70,11 @@ void QVNetServiceBrowser::State::serviceNotResolved(const std::shared_ptr<QVNetS
     return;
   std::unique_ptr<QVDNSSDBackend::Query> query;
   {
+    // The service's own lock is never taken under the engine's: elsewhere the order is the other way.
+    const std::string name = service->name(), type = service->type(), domain = service->domain();
     std::lock_guard backendLock(*backend);
     query = backend->browseTXTRecord(
-        service->name(), service->type(), service->domain(),
+        name, type, domain,
         [weak = std::weak_ptr(self),
          weakService = std::weak_ptr(service)](const QVDNSSDBackend::Event& event) {
           QVMainQueue::main().post([weak, weakService, event] {
