@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The deleter that puts a C library's handle under a std::unique_ptr:
 //   using QVCurlEasy = std::unique_ptr<CURL, QVCFree<&curl_easy_cleanup>>;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The protocol's date text ("yyyy-MM-ddTHH:mm:ss.SSS", GMT, no zone designator), HTTP dates (RFC 1123)
 // and the locale-tolerant number text used in query strings.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVExtendedAttributes.h"
 
 #include <sys/xattr.h>

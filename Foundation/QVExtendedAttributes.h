@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Extended attributes. Names are given without namespace; they are stored in the "user." namespace.
 

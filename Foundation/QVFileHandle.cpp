@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVFileHandle.h"
 
 #include <fcntl.h>

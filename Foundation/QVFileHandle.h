@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A file handle open for writing or reading; closes itself when it goes away.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVFileOperations.h"
 
 #include "Foundation/QVUUID.h"

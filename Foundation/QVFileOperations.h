@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Copy, replacing move and attribute reads with the framework's error values (domain "QVPOSIXErrorDomain",
 // code = errno).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVFolderWatcher.h"
 
 #include "Foundation/QVFileDescriptor.h"

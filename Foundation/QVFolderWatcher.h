@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Watches one folder that a sync client may create, remove or replace at any time: reports when it comes,
 // goes or changes writability, and which files in it were written, replaced or touched. Events arrive on

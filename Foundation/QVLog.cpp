@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVLog.h"
 
 #include "QVHandoff/QVHandoffLog.h"

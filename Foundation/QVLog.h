@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Per-class logging. Each source file names its logger once with QV_LOG_SOURCE("QVHandoff/QVHandoffManager");
 // the macros then log with the line, the operation and a fmt-style message, formatting only when the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVMIMEType.h"
 
 #include "Foundation/QVCFree.h"

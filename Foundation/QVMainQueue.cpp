@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVMainQueue.h"
 
 #include "Foundation/QVLog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The main queue: a run loop owned by the host's main thread. Everything the framework confines to the
 // main thread (host calls, DNS-SD events, HTTP client completions, callbacks to the host) runs here.

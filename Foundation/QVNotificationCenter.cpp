@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVNotificationCenter.h"
 
 #include <utility>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Named notifications with an object and a userInfo, delivered synchronously on the posting thread.
 

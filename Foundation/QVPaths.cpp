@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVPaths.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVPrivateTemporaryFile.h"
 
 #include "Foundation/QVFileOperations.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Files the library writes while they are incomplete: mode 0600 and created exclusively, in a folder only
 // this user can enter, so that no other local user reads a document while it arrives.

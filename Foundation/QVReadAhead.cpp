@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVReadAhead.h"
 
 #include "Foundation/QVLog.h"

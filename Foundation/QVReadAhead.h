@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Pulls a source of bytes on a thread of its own, a few chunks ahead of its reader, so that producing the
 // next chunk (reading a file, encrypting it) overlaps whatever the reader does with this one (sending it).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVTypes.h"
 
 #include <fmt/format.h>

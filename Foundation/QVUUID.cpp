@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVUUID.h"
 
 #include <uuid/uuid.h>

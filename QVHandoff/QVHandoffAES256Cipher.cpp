@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffAES256Cipher.h"
 
 #include "QVHandoff/QVHandoffAES256Cryptor.h"

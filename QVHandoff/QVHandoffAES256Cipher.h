@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What the streaming and the one-shot cipher share: the key preparation, the fixed settings and the status
 // values their failures are logged with, so that a body encrypted by one form decrypts in the other and on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffAES256Cryptor.h"
 
 #include "Foundation/QVLog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The one cipher of the system as a stream: AES-256-CBC, zero IV, PKCS#7 padding. Documents pass through
 // it chunk by chunk, so no document is ever whole in memory.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The one-shot form of the cipher for small bodies (JSON messages). Same settings as the cryptor.
 

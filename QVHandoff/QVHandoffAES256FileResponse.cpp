@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffAES256FileResponse.h"
 
 #include "Foundation/QVDateFormatting.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A document sent to a peer encrypted on the fly: each chunk read from disk goes through a streaming
 // AES-256 encryptor, so the file is never whole in memory nor written anywhere encrypted. The encrypted

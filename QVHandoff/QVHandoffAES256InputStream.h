@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // An upload body pulled by the HTTP client: a local file read slice by slice and handed out as AES-256
 // ciphertext, so that a document is never encrypted whole in memory. Progress is measured in plain bytes

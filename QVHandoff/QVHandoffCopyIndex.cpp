@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffCopyIndex.h"
 
 #include "Foundation/QVCFree.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The tags of every handed-off copy, kept also in a database in the state folder: a copy saved by rename
 // loses its extended attributes with its old inode, and some file systems have none. The attributes stay the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One document on either side of a handoff: open locally, listed by a peer, or a downloaded copy tagged
 // with its origin. Its transfer accessors reach the transfer it runs now (QVHandoffTransfer).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Keeps the meta data in the meta file at the top of the synced container folder: reads it, creates it
 // when missing (master only), follows the changes other devices make to it and settles the conflict copies

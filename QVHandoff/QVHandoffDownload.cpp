@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffDownload.h"
 
 #include "Foundation/QVDateFormatting.h"

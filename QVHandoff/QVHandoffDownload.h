@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One handoff download: the request to the peer, the decryptor of its body, the batch of decrypted bytes on
 // their way to the file, and the file it writes beside its target path under a name of its own, moved to

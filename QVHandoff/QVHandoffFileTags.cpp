@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffFileTags.h"
 
 #include "Foundation/QVDateFormatting.h"

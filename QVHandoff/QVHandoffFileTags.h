@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The tags of a handed-off copy: where it came from (path, size, date, device, product, content type),
 // kept in extended attributes of the copy itself, and the date a host may set to say it changed it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffHTTPConnection.h"
 
 #include "Foundation/QVDateFormatting.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One peer's connection to the local server: accepts the five "POST" endpoints, collects or decrypts
 // their bodies, answers them, puts the encryption headers on every answer, and cleans up its temporary

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffHTTPServer.h"
 
 #include "Foundation/QVLog.h"

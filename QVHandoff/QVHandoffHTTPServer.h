@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The local server that peers reach: it carries the shared AES-256 key, serves every connection through a
 // QVHandoffHTTPConnection, and announces itself by DNS-SD under the type and TXT record the manager gives.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Discovery and the registry of remote servers: the manager's operations forward to its peer registry.
 
 #include "Foundation/QVMainQueue.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVLog.h"
 #include "Foundation/QVMainQueue.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The formatters live apart from the codec so that code which only encodes messages does not link the date
 // and number text of the platform layer.
 

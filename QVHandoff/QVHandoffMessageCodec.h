@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The encrypted message envelope: a JSON array or object, serialised compactly and encrypted in one piece.
 // Also the protocol's date and number text. QVHandoffHTTPConnection's class operations forward here so

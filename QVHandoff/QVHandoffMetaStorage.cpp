@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffMetaStorage.h"
 
 #include "Foundation/QVLog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Holds the meta data every installation of one user shares: the service type and the AES-256 key.
 // Subclasses decide where it is kept and how it reaches the other devices.

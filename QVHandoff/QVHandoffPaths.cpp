@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffPaths.h"
 
 #include "Foundation/QVFileHandle.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Where handed-off copies are placed inside a handoff folder. The folder is passed in, so that every
 // manager may keep its own.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The peers of one manager: a browser per meta storage, a live server record per found service, their
 // resolves and TXT records, the tabs-list fetches with their attempts, and the up-to-date lists the host

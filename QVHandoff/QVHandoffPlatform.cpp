@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffPlatform.h"
 
 #include "Network/DNSSD/QVDNSSDEngine.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What a manager reaches the network through: the DNS-SD engine and the HTTP client. Whoever builds a
 // manager passes one in; managers made without one (defaultManager() among them) get theirs from the

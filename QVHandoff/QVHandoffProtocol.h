@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What peers say to each other: DNS-SD names and TXT keys, request paths, message keys, query keys and
 // headers. Client and server both spell the protocol through these names and nothing else.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffRequestValues.h"
 
 #include "Foundation/QVDateFormatting.h"

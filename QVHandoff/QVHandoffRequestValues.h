@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What the server's endpoints read from decrypted request objects and query strings, and the type they
 // announce for a document. Peers send whatever they like: a value of the wrong kind is absent, never an

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffRequests.h"
 
 #include "QVHandoff/QVHandoffManager.h"

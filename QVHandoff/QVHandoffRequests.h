@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // How the client words its requests to peers, in one place for every transfer.
 

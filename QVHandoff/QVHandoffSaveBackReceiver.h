@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The receiving end of a save back: decrypts a peer's upload as it streams in into a private file in the
 // destination's own folder, and when it is complete puts it over the original or beside it. An acknowledged

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What a connection of the local server needs of the manager that owns it. The manager hands one to its
 // server, which holds it weakly: a connection whose manager is gone answers 500.

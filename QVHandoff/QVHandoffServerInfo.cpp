@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffServerInfo.h"
 
 #include "Network/DNSSD/QVNetService.h"

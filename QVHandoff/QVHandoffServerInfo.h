@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One peer found on the network: its service, address, key, what its TXT record said, the documents of
 // its last tabs list and the state of fetching that list. The host only ever gets copies, which carry no

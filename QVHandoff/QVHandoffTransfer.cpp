@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffTransfer.h"
 
 #include "Foundation/QVFileHandle.h"

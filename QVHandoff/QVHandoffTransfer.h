@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One running download or upload: the file it writes, its temporary file, its request, its progress
 // bookkeeping and the caller's callbacks, all under one lock. A record starts each transfer with a new one,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffUpload.h"
 
 #include "Foundation/QVLog.h"

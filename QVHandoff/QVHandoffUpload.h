@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One save back upload: a private copy of the edited document in the temporary folder, the stream that
 // encrypts it as the client pulls it, and the request that carries it to the origin.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffiCloudDocumentsPresenter.h"
 
 #include "Foundation/QVFolderWatcher.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The cloud container of this platform: a folder that the user's devices keep in sync, given by the host.
 // Answers whether it is there (configured), whether it can be written (available, once tested), and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Streaming throughput of the cipher in the chunk size the server hands out. The raw EVP runs write into
 // one reused buffer: the gap to them is what the cryptor's per-chunk buffers cost.
 

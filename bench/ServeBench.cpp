@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Serving a 1 GiB document over loopback, as a peer downloads it: POST "/api/handoff", the server copies
 // the document, streams it encrypted, and a libcurl client decrypts each piece as it arrives and drops
 // it. Bytes per second are of the document; the copy made before streaming is part of the cost.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Both ends of a transfer as two processes, so that each one's peak memory is its own:
 //
 //   qvhandoff_bench_transfer serve KEYHEX              listens on 127.0.0.1, prints its port, serves until

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Discovery latency between two hosts in network namespaces: from publish() on A to "found" and to
 # "resolved" on B, and from a TXT update on A to the new record seen by B's monitor. A few bounded runs,
 # each on fresh namespaces; prints each measurement, then min / median / max per kind. Root only.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Discovery as the host sees it, between two `qvhandoff serve` hosts in network namespaces: from A's start
 # to A listed (with its documents) on B, and from a change of A's front document to B's list showing it.
 # A few bounded runs, each on fresh namespaces; prints each measurement, then min / median / max. Root only.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # A 1 GiB handoff and save back over the loopback, each between two fresh processes (the peer's server
 # and this device's client), beside what the same bytes cost in the same run: the cipher alone
 # (openssl enc -aes-256-cbc | openssl enc -d), plain HTTP (nginx + curl) and scp over a local sshd.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # A guided tour on one machine: two installations, A and B, on a private network of their own (two network
 # namespaces joined by a virtual cable) share one synced folder, and a document travels from A to B and
 # back, including the case where both sides changed it. Run as root: sudo scripts/demo.sh

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # shellcheck shell=bash
 # Sourced by the demo and the host benchmark: `qvhandoff serve` hosts A, B... in network namespaces made
 # by scripts/netns.sh, each driven through a pipe and read through its event file. Root only. Everything

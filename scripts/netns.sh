@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Private networks of hosts A, B, C... in network namespaces, for the DNS-SD tests, the discovery benchmark
 # and the demo: nothing here touches this machine's own interfaces. Two hosts are joined by a veth pair,
 # three or more by a bridge in a namespace of its own; host i of run X has 10.77.X.i/24 and lo up.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs every Debian package the build, the tests and the demo need. Safe to run again.
 set -euo pipefail
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Sets the machine up, builds and runs every test. Extra arguments go to cmake's configure step
 # (for example -DQVHANDOFF_SANITIZE=ON); QVHANDOFF_BUILD_DIR picks the build folder,
 # QVHANDOFF_BUILD_TARGETS limits what is built and QVHANDOFF_CTEST_ARGS what runs (for example "-L unit").

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVDNSSDAvahi.h"
 
 #include <avahi-common/domain.h>

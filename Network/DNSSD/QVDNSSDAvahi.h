@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Owning handles for Avahi's C objects and the TXT conversions both engines need. Private to the
 // Network/DNSSD sources: no public header includes it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVDNSSDBackend.h"
 
 #include "Network/DNSSD/QVDNSSDPublication.h"

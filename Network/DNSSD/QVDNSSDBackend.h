@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What a DNS-SD engine (QVDNSSDEngine) runs: the system daemon over D-Bus or the embedded stack, both
 // driven by one Avahi poll thread. Everything declared here runs with

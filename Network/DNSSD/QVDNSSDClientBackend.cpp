@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVDNSSDClientBackend.h"
 
 #include "Foundation/QVLog.h"

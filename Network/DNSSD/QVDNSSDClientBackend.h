@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The system's mDNS daemon, reached over D-Bus: it owns the host name and the interfaces; this process
 // only adds its entry groups and queries. Private to Network/DNSSD.

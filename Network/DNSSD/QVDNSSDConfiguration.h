@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // How an engine reaches DNS-SD: the system daemon, the embedded stack, or whichever works. The environment
 // gives the defaults.

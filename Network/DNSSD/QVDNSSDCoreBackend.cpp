@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVDNSSDCoreBackend.h"
 
 #include "Foundation/QVLog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The embedded stack: Avahi's mDNS responder running inside this process, for machines without a daemon.
 // It claims its own host name (renaming on a collision) on the configured interfaces only. Private to

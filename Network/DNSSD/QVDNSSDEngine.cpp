@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVDNSSDEngine.h"
 
 #include "Foundation/QVLog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The DNS-SD engine that a manager's browsers, found services and publication share: the system daemon or
 // the embedded stack, chosen by its configuration when first needed and chosen anew once it failed (the

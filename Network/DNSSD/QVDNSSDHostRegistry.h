@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Where each resolved host name points. ".local" names do not resolve through the system resolver without
 // an mDNS module, so the HTTP client asks here (and hands the answer to curl as a pinned address).

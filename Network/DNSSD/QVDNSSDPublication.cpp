@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVDNSSDPublication.h"
 
 #include "Foundation/QVLog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One published service of either engine: its entry group, the renaming on a name collision, the TXT
 // record that replaces the published one, and the re-adding after the host name was claimed anew.

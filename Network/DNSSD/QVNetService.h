@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A DNS-SD service: ours while it is published, a peer's once a browser found it. Hold it in a
 // std::shared_ptr: events reach the delegate on the main queue only while someone holds the service.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVNetServiceBrowser.h"
 
 #include "Foundation/QVLog.h"

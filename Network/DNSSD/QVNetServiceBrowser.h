@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Searches one DNS-SD service type in one domain and reports services as they come and go. Hold it in a
 // std::shared_ptr: events reach the delegate on the main queue only while someone holds the browser.

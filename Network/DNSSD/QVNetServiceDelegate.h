@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What a QVNetService tells its delegate, always on the main queue. Every operation has an empty default.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // HTTP header fields: names compare without regard to case, as on the wire.
 

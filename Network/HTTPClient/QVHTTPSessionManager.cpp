@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 
 #include "Foundation/QVCFree.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The HTTP client: one background thread (the session's serial data queue) runs every transfer of the
 // session. Tasks are made and resumed on any thread, usually the main one; data and response callbacks

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The head of an HTTP response: status and header fields, looked up without regard to case.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/HTTPClient/QVURLRequest.h"
 
 void QVURLRequest::setValue(std::string value, std::string_view HTTPHeaderField) {

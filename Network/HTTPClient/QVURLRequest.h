@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What a data task sends: URL, method, header fields and a body, given whole or pulled piece by piece.
 

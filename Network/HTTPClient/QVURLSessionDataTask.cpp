@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/HTTPClient/QVURLSessionDataTask.h"
 
 #include "Foundation/QVMainQueue.h"

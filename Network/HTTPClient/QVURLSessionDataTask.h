@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // An HTTP request in flight, made by a QVHTTPSessionManager. It starts suspended; resume() hands it to
 // the session's thread. Its completion runs exactly once, on the main queue. Any thread may resume or

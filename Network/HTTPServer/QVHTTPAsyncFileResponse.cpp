@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/HTTPServer/QVHTTPAsyncFileResponse.h"
 
 #include "Foundation/QVLog.h"

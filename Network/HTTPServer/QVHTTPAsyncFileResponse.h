@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A response that streams a file: each pull reads the next chunk from disk and hands it through
 // processReadBuffer(), which a subclass overrides to transform it (encrypt it) on its way into the buffer

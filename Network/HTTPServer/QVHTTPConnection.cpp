@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/HTTPServer/QVHTTPConnection.h"
 
 #include <optional>

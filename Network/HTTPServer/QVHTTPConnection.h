@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One accepted TCP connection. The server makes one per connection through its factory and calls it on
 // that connection's own thread, for each request in this order:

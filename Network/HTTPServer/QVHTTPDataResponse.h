@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A response whose body is a buffer held in memory (small bodies: JSON messages).
 

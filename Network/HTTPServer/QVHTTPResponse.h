@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What a connection answers: a status, extra headers and a body pulled piece by piece on the
 // connection's own thread, so that no body has to be whole in memory.

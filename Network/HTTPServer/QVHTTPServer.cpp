@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/HTTPServer/QVHTTPServer.h"
 
 #include "Foundation/QVCFree.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The embedded HTTP server: listens on a port the system chooses, serves every accepted connection on a
 // thread of its own through a QVHTTPConnection made by the factory, and bounds what a peer may take.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // DNS-SD between hosts in network namespaces made by the test: each host runs the probe tool with the
 // embedded stack on its own interfaces only, and the test reads the probes' events.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Installations of the host find each other through DNS-SD and follow each other's open documents.
 
 #include "QVHostsFixture.h"

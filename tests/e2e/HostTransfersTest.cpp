@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A document's whole trip between two installations of the host: handoff, edit, save back, a save back
 // after both sides changed it, and a copy pushed back at its origin's request.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Installations of the `qvhandoff` host in network namespaces made by the test: each runs `serve` with
 // the embedded stack on its own interface and a cache folder of its own; the test drives them on stdin

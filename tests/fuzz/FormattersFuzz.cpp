@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The date and number text of messages, TXT records and save-back queries.
 #include "QVFuzzSupport.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The encrypted message envelope: decrypt, then JSON, as every request and answer body is read.
 #include "QVFuzzSupport.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"

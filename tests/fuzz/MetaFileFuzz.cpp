@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The meta file, as a sync client may deliver it from another device: XML or binary property list.
 #include "QVFuzzSupport.h"
 #include "QVHandoff/QVHandoffDocumentMetaStorage.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What every fuzz target shares: a fixed key, so that bytes encrypted under it get past the cipher to the
 // JSON and field checks behind it, and a quiet log.

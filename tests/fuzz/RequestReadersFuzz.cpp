@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The mark-as-modified and force-save-back request bodies, as the server reads them.
 #include "QVFuzzSupport.h"
 #include "QVHandoff/QVHandoffHTTPConnection.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The save back's request URI: the query string into its pairs, then each value as the receiver reads it.
 #include "Network/HTTPServer/QVHTTPConnection.h"
 #include "QVFuzzSupport.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A line of `qvhandoff serve`'s input: the tool reads it from whatever drives it.
 #include "QVFuzzSupport.h"
 #include "QVHostCommand.h"

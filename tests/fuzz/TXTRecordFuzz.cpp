@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A TXT record as anyone on the network may announce it.
 #include "Network/DNSSD/QVNetService.h"
 #include "QVFuzzSupport.h"

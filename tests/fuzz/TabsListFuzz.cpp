@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A peer's tabs list, as the registry reads it into the peer's record: decrypt, a JSON list, an entry each.
 #include "QVFuzzSupport.h"
 #include "QVHandoff/QVHandoffDocumentInfo.h"

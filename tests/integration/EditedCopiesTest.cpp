@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Handed-off copies edited the way Linux programs save them (a new file renamed over the old one, which takes
 // the extended attributes with it), and copies on a file system that has no user attributes at all: the copy
 // is still known and its save back still lands.

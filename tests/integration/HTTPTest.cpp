@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVMainQueue.h"
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 #include "Network/HTTPClient/QVHTTPURLResponse.h"

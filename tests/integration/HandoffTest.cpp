@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVDateFormatting.h"
 #include "Foundation/QVFileOperations.h"
 #include "Foundation/QVMainQueue.h"

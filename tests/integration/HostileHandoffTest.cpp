@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A peer that knows the key may still name anything on this machine: only regular files are served, and
 // the server's private copy is bounded, unreadable by others, and gone afterwards.
 #include "Foundation/QVFileOperations.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Peers that send more than they should, or a downloader killed halfway: the client stops reading early,
 // keeps its memory bounded and leaves no copy that is not whole.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffDocumentMetaStorage.h"
 #include "Foundation/QVMainQueue.h"
 #include "Foundation/QVNotificationCenter.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A local server on 127.0.0.1 with a fresh key; the default manager's documents, peers and file blocks
 // reset around each test; the temporary directory redirected so that what a request leaves behind shows;

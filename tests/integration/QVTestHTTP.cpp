@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVTestHTTP.h"
 
 #include <arpa/inet.h>

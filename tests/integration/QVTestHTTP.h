@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Raw HTTP on 127.0.0.1 for the integration tests: what the library's own client and server never do.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The origin's side of a save back under overlap, refusal and loss: an acknowledged upload is never
 // overwritten, a folder is never replaced, what is written is private, and nothing is left behind.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffAES256Data.h"
 #include "QVHandoffServerFixture.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVMainQueue.h"
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffServerInfo.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVDateFormatting.h"
 #include "QVHandoffServerFixture.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "support/QVChildProcess.h"
 
 #include <fcntl.h>

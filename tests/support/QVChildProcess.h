@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Child processes for the end-to-end tests: one-shot commands, and long-running ones whose stdout is a
 // stream of JSON objects, one per line, kept in a file beside their stderr. A child is killed and reaped

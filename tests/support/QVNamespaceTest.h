@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The harness of the end-to-end tests: hosts A, B, C... in network namespaces of their own, made by
 // scripts/netns.sh (skipped where they cannot be made, never touching the machine's own interfaces), and

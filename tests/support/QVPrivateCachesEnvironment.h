@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The shared manager keeps the first handoff folder it computes: including this gives the whole test binary
 // a private cache and state folder before anything asks, so no test writes into the user's real caches.

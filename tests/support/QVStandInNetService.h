@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A peer's service played without DNS-SD: it answers what a resolve and the TXT monitor would have
 // told, and counts the resolves, stops and monitoring it is asked for. Nothing here starts an engine.

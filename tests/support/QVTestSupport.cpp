@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "support/QVTestSupport.h"
 
 #include "Foundation/QVLog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Helpers shared by the tests, and the test framework with them: captured log lines, a scratch folder that
 // removes itself, and running the main queue until a condition holds.

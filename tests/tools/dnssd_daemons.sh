@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # A system bus and an mDNS daemon of their own for one network namespace, for the daemon-mode DNS-SD tests.
 # Run it with `ip netns exec NS dnssd_daemons.sh HOST_NAME INTERFACE`: it mounts a private /run (the mount
 # namespace is the one `ip netns exec` made), starts the daemons there, prints {"event":"ready"} and then

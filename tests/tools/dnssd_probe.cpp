@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A DNS-SD probe for the namespace tests and the discovery benchmark: run inside a network namespace, it
 // publishes a service and/or browses a type and prints one JSON object per event on stdout. Options:
 // --mode auto|daemon|embedded, --interface IF (repeated), --host-name NAME, --type TYPE, --publish NAME,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVDNSSDConfiguration.h"
 
 #include "support/QVTestSupport.h"

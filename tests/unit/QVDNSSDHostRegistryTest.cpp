@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVDNSSDHostRegistry.h"
 
 #include <gtest/gtest.h>

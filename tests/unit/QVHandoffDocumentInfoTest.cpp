@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffDocumentInfo.h"
 
 #include "Foundation/QVFileHandle.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHandoff/QVHandoffMessageCodec.h"
 #include "QVHandoff/QVHandoffAES256Data.h"
 #include "support/QVTestSupport.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The lines an independent client writes on `serve`'s input, and the escaping that brings any path from
 // the JSON output back in.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Network/DNSSD/QVNetService.h"
 
 #include "Foundation/QVMainQueue.h"

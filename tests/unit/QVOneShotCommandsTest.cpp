@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exit statuses a script tells failures apart by, for every failure found before the network is
 // joined, and the words of a failed transfer.
 

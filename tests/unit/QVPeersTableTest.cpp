@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // `qvhandoff peers` at a terminal: columns that line up whatever the names, the active document starred,
 // and paths escaped as everywhere else.
 

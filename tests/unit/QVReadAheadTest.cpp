@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "Foundation/QVReadAhead.h"
 
 #include <gtest/gtest.h>

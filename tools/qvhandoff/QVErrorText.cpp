@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVErrorText.h"
 
 #include "Network/HTTPClient/QVHTTPSessionManager.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A failed transfer as one line a user can act on: what was tried, with whom, at which address, and what
 // went wrong, in words rather than an error domain and code.

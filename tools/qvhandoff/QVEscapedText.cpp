@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVEscapedText.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The escaping that lets any path through the JSON output and back in on `serve`'s input: a backslash is
 // written "\\" and each byte that is not part of valid UTF-8 "\xNN"; everything else is itself. It is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVEventPrinter.h"
 
 #include "Foundation/QVDateFormatting.h"

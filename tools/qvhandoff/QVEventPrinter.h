@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // Writes the host's events as one JSON object per line, from any thread, and turns the framework's records
 // and notification values into JSON.

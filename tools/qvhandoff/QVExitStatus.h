@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The exit statuses of `qvhandoff`, one per kind of failure a script may want to tell apart; docs/cli.md
 // lists them.

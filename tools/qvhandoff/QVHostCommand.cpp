@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHostCommand.h"
 
 #include "QVEscapedText.h"

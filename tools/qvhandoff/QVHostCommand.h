@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One line of `qvhandoff serve`'s input: a verb and its arguments. The last argument, a path for most
 // verbs, takes the rest of the line, so a path with blanks needs no quotes; a word before it (the device

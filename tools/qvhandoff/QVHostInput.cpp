@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHostInput.h"
 
 #include "Foundation/QVMainQueue.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // What reaches the host from outside its main queue: lines on stdin and the interrupting signals. Each is
 // read on a thread of its own and handed to the main queue.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHostOptions.h"
 
 #include "QVExitStatus.h"

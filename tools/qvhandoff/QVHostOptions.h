@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The command line of `qvhandoff`: which form runs (serve or one of the one-shot commands) and the options
 // shared by all of them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVHostSession.h"
 
 #include "Foundation/QVFileOperations.h"

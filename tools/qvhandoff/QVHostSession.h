@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // One installation of the host: points the framework at the container, owns the list of open documents,
 // prints every notification, and turns the host's requests into the manager's calls, with the checks that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVOneShotCommands.h"
 
 #include "Foundation/QVFileOperations.h"

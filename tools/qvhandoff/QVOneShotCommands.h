@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // The one-shot forms for scripts: each joins the network for as long as it needs, prints its result on
 // stdout and returns the exit status (QVExitStatus); a failure is one line on stderr. Only `init` makes a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVPeersTable.h"
 
 #include "QVEscapedText.h"

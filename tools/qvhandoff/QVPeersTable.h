@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // `qvhandoff peers` for a person at a terminal: one row per open document, the active one starred.
 

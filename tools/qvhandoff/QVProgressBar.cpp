@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVProgressBar.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // A one-line progress bar on stderr, drawn only when stderr is a terminal; the line is ended when the bar
 // goes away.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "QVServeLoop.h"
 
 #include "Foundation/QVFileOperations.h"

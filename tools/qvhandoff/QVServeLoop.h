@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #pragma once
 // `qvhandoff serve`: one installation with documents open, driven by commands on stdin, reporting every
 // notification and transfer event on stdout. A peer's request to push a copy back starts that save back.

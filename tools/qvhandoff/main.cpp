@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qvhandoff: runs one installation of the handoff service from the command line (see --help).
 
 #include "Foundation/QVLog.h"
