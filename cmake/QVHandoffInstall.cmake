@@ -81,6 +81,8 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION net)
 # dpkg-shlibdeps names what the ELF files link; the Avahi libraries are loaded at run time, so they are
 # named by hand, with the MIME database g_content_type_guess reads.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Debug information stays in the build tree: a package carries what runs.
+set(CPACK_STRIP_FILES ON)
 # A shlibs file and the ldconfig trigger for the library packages.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 # The adapters need libqvhandoff.so.0 of this build; their packages name libqvhandoff0 themselves.
