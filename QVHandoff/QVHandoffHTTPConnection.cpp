@@ -30,7 +30,8 @@ QV_LOG_SOURCE("QVHandoff/QVHandoffHTTPConnection")
 namespace {
 
 using QVHandoffRequestValues::contentTypeForPath;
-using QVHandoffRequestValues::scalarValue;
+using QVHandoffRequestValues::forceRemoteSaveBackFilePathFromData;
+using QVHandoffRequestValues::markAsModifiedRequestFromData;
 using QVHandoffRequestValues::stringValue;
 
 } // namespace
@@ -393,43 +394,6 @@ void QVHandoffHTTPConnection::setRemoteMarks(std::shared_ptr<QVHandoffDocumentIn
   });
 }
 
-std::optional<QVHandoffHTTPConnection::MarkAsModifiedRequest>
-QVHandoffHTTPConnection::markAsModifiedRequestFromData(const QVData& body, const QVData& AES256Key) {
-  const auto object = JSONObjectFromData(body, AES256Key);
-  if (!object) {
-    QV_LOG_ERROR("Couldn't decrypt mark as modified file request body");
-    return std::nullopt;
-  }
-  const auto filePath = stringValue(*object, "filePath");
-  if (!filePath) {
-    QV_LOG_ERROR("Mark as modified file path not found in request");
-    return std::nullopt;
-  }
-  const auto remoteFilePath = stringValue(*object, "remoteFilePath");
-  if (!remoteFilePath) {
-    QV_LOG_ERROR("Mark as modified remote file path not found in request");
-    return std::nullopt;
-  }
-  const auto dateText = stringValue(*object, "remoteFileModificationDate");
-  if (!dateText) {
-    QV_LOG_ERROR("Mark as modified remote file modification date not found in request");
-    return std::nullopt;
-  }
-  const auto remoteDeviceName = stringValue(*object, "remoteDeviceName");
-  if (!remoteDeviceName) {
-    QV_LOG_ERROR("Mark as modified remote device name not found in request");
-    return std::nullopt;
-  }
-  const auto remoteDeviceType = scalarValue(*object, "remoteDeviceType");
-  if (!remoteDeviceType) {
-    QV_LOG_ERROR("Mark as modified remote device type not found in request");
-    return std::nullopt;
-  }
-  // A date that does not parse is not refused: the notice goes out without it.
-  return MarkAsModifiedRequest{*filePath, *remoteFilePath, dateFormatter().dateFromString(*dateText),
-                               *remoteDeviceName, *remoteDeviceType};
-}
-
 std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::markAsModifiedFileResponse() {
   const auto request = markAsModifiedRequestFromData(requestBody_, handoffServer_.AES256Key());
   if (!request) return serverInternalErrorResponse();
@@ -445,18 +409,6 @@ std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::markAsModifiedFileRespo
     postOnMainThread(QVHandoffManagerDidMarkLocalFileAsModifiedNotification, std::move(userInfo));
   }
   return successResponse();
-}
-
-std::optional<std::string>
-QVHandoffHTTPConnection::forceRemoteSaveBackFilePathFromData(const QVData& body, const QVData& AES256Key) {
-  const auto object = JSONObjectFromData(body, AES256Key);
-  if (!object) {
-    QV_LOG_ERROR("Couldn't decrypt force remote save back file request body");
-    return std::nullopt;
-  }
-  auto filePath = stringValue(*object, "filePath");
-  if (!filePath) QV_LOG_ERROR("Force remote save back file path not found in request");
-  return filePath;
 }
 
 std::shared_ptr<QVHTTPResponse> QVHandoffHTTPConnection::forceRemoteSaveBackFileResponse() {

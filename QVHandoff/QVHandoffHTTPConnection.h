@@ -45,20 +45,6 @@ public:
   std::optional<QVData> AES256EncryptedDataWithJSONObject(const nlohmann::json& object) const;
   std::optional<nlohmann::json> JSONObjectWithAES256EncryptedData(const QVData& data) const;
 
-  // What a mark-as-modified request says.
-  struct MarkAsModifiedRequest {
-    std::string filePath;
-    std::string remoteFilePath;
-    std::optional<QVDate> remoteFileModificationDate;
-    std::string remoteDeviceName;
-    QVValue remoteDeviceType;
-  };
-  // The request bodies, decrypted with `AES256Key` and read; none (logged) when a field is missing.
-  static std::optional<MarkAsModifiedRequest> markAsModifiedRequestFromData(const QVData& body,
-                                                                            const QVData& AES256Key);
-  static std::optional<std::string> forceRemoteSaveBackFilePathFromData(const QVData& body,
-                                                                        const QVData& AES256Key);
-
   // The one error answer of the API: 500, empty body.
   static std::shared_ptr<QVHTTPResponse> serverInternalErrorResponse();
   // A fresh path in the private temporary folder, named by a new UUID; none without that folder.

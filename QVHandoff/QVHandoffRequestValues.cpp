@@ -2,11 +2,15 @@
 #include "QVHandoff/QVHandoffRequestValues.h"
 
 #include "Foundation/QVDateFormatting.h"
+#include "Foundation/QVLog.h"
 #include "Foundation/QVMIMEType.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"
 
 #include <cstdint>
 #include <filesystem>
+
+// The request readers' lines are the connection's: hosts and tests match them by that operation.
+QV_LOG_SOURCE_OF("QVHandoff/QVHandoffHTTPConnection", "QVHandoffHTTPConnection")
 
 namespace QVHandoffRequestValues {
 
@@ -64,6 +68,55 @@ std::string contentTypeForPath(const std::string& path) {
   if (std::filesystem::path(path).extension().empty()) return {};
   std::string type = QVMIMETypeForPath(path);
   return type == kUnknownMIMEType ? std::string() : type;
+}
+
+std::optional<MarkAsModifiedRequest> markAsModifiedRequestFromData(const QVData& body,
+                                                                   const QVData& AES256Key) {
+  const auto object = QVHandoffMessageCodec::JSONObjectFromData(body, AES256Key);
+  if (!object) {
+    QV_LOG_ERROR("Couldn't decrypt mark as modified file request body");
+    return std::nullopt;
+  }
+  const auto filePath = stringValue(*object, "filePath");
+  if (!filePath) {
+    QV_LOG_ERROR("Mark as modified file path not found in request");
+    return std::nullopt;
+  }
+  const auto remoteFilePath = stringValue(*object, "remoteFilePath");
+  if (!remoteFilePath) {
+    QV_LOG_ERROR("Mark as modified remote file path not found in request");
+    return std::nullopt;
+  }
+  const auto dateText = stringValue(*object, "remoteFileModificationDate");
+  if (!dateText) {
+    QV_LOG_ERROR("Mark as modified remote file modification date not found in request");
+    return std::nullopt;
+  }
+  const auto remoteDeviceName = stringValue(*object, "remoteDeviceName");
+  if (!remoteDeviceName) {
+    QV_LOG_ERROR("Mark as modified remote device name not found in request");
+    return std::nullopt;
+  }
+  const auto remoteDeviceType = scalarValue(*object, "remoteDeviceType");
+  if (!remoteDeviceType) {
+    QV_LOG_ERROR("Mark as modified remote device type not found in request");
+    return std::nullopt;
+  }
+  // A date that does not parse is not refused: the notice goes out without it.
+  return MarkAsModifiedRequest{*filePath, *remoteFilePath,
+                               QVHandoffMessageCodec::dateFormatter().dateFromString(*dateText),
+                               *remoteDeviceName, *remoteDeviceType};
+}
+
+std::optional<std::string> forceRemoteSaveBackFilePathFromData(const QVData& body, const QVData& AES256Key) {
+  const auto object = QVHandoffMessageCodec::JSONObjectFromData(body, AES256Key);
+  if (!object) {
+    QV_LOG_ERROR("Couldn't decrypt force remote save back file request body");
+    return std::nullopt;
+  }
+  auto filePath = stringValue(*object, "filePath");
+  if (!filePath) QV_LOG_ERROR("Force remote save back file path not found in request");
+  return filePath;
 }
 
 } // namespace QVHandoffRequestValues

@@ -26,4 +26,17 @@ QVPoint pointFromQueryValue(std::string_view text);
 // The type a file name suggests; empty when its extension tells nothing.
 std::string contentTypeForPath(const std::string& path);
 
+// What a mark-as-modified request says.
+struct MarkAsModifiedRequest {
+  std::string filePath;
+  std::string remoteFilePath;
+  std::optional<QVDate> remoteFileModificationDate;
+  std::string remoteDeviceName;
+  QVValue remoteDeviceType;
+};
+// The request bodies, decrypted with `AES256Key` and read; none (logged) when a field is missing.
+std::optional<MarkAsModifiedRequest> markAsModifiedRequestFromData(const QVData& body,
+                                                                   const QVData& AES256Key);
+std::optional<std::string> forceRemoteSaveBackFilePathFromData(const QVData& body, const QVData& AES256Key);
+
 } // namespace QVHandoffRequestValues
