@@ -165,6 +165,8 @@ TEST_F(ServiceControlTest, HostLoopHandsOffSavesBackAndStopsFromInsideASaveBackO
       copies[0], record, [](float) {}, [&](const std::string&) { ended = true; },
       [&](const QVError&) { ended = true; });
   ASSERT_TRUE(loop->runUntil([&] { return ended; }));
+  // Its end is taken in on the loop too; until then the transfer holds the client.
+  EXPECT_TRUE(loop->runUntil([&] { return client->saveBackDocumentsInfo().empty(); }));
   EXPECT_GE(progressNotices, 1);
   EXPECT_FALSE(origin->serviceStarted());
   EXPECT_FALSE(origin->localServer()->isRunning());
@@ -202,7 +204,8 @@ TEST_F(ServiceControlTest, MetaChangeDuringAStopRestartsTheServiceOnce) {
   client->saveBackFileAtPath(
       copy, record, [](float) {}, [&](const std::string&) { ended = true; },
       [&](const QVError&) { ended = true; });
-  ASSERT_TRUE(loop->runUntil([&] { return ended && origin->serviceStarted(); }));
+  ASSERT_TRUE(loop->runUntil(
+      [&] { return ended && origin->serviceStarted() && client->saveBackDocumentsInfo().empty(); }));
   loop->runUntil([] { return false; }, 300ms); // a second restart would show by now
   EXPECT_EQ(log_.count("Start handoff service"), 2u);
   EXPECT_EQ(log_.count("Stop handoff service"), 1u);
