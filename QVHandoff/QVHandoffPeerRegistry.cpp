@@ -313,10 +313,13 @@ void QVHandoffPeerRegistry::performTabsListHTTPRequestForServerInfo(
   QVHandoffManager::setContentType(std::nullopt, request);
   auto task = session_->dataTaskWithRequest(
       request,
-      [weak = weak_from_this(), serverInfo](std::shared_ptr<const QVHTTPURLResponse>,
-                                            std::optional<QVData> body, std::optional<QVError> error) {
+      // The record holds its task: a strong hold back would keep both alive if the task never ends.
+      [weak = weak_from_this(),
+       weakServerInfo = std::weak_ptr(serverInfo)](std::shared_ptr<const QVHTTPURLResponse>,
+                                                   std::optional<QVData> body, std::optional<QVError> error) {
         const auto registry = weak.lock();
-        if (!registry) return;
+        const auto serverInfo = weakServerInfo.lock();
+        if (!registry || !serverInfo) return;
         if (error && error->domain == QVURLErrorDomain && error->code == QVURLError::Cancelled) return;
         serverInfo->setTabsListRequestHTTPOperation(nullptr);
         if (error) {
