@@ -12,6 +12,7 @@
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
+#include "Foundation/QVDateFormatting.h"
 #include "QVTestHTTP.h"
 #include "support/QVPrivateCachesEnvironment.h"
 #include "support/QVStandInNetService.h"
@@ -197,6 +198,27 @@ protected:
   auto saveBack(const std::string& path, const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
                 std::function<void()> onProgress = {}) {
     return transfer(&QVHandoffManager::saveBackFileAtPath, onProgress, path, documentInfo);
+  }
+  // Waits (bounded) for the transfer to end.
+  static std::shared_ptr<QVTransferOutcome> ended(std::shared_ptr<QVTransferOutcome> outcome) {
+    EXPECT_TRUE(QVRunMainQueueUntil([&] { return outcome->ended(); }));
+    return outcome;
+  }
+  // The download failed once, with `code` in `domain`, and left no file in the handoff folder.
+  void expectDownloadFailed(const QVTransferOutcome& outcome, int64_t code,
+                            const std::string& domain = QVHandoffErrorDomain) {
+    EXPECT_TRUE(outcome.completions.empty());
+    ASSERT_EQ(outcome.errors.size(), 1u);
+    EXPECT_EQ(outcome.errors[0], (QVError{domain, code, {}}));
+    EXPECT_TRUE(noFileIn(manager_->handoffDirectoryPath()));
+    EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
+  }
+  // What the real server sends before an encrypted body of `length` bytes (none: no length announced).
+  static std::string answerHead(std::optional<size_t> length, size_t decodedLength) {
+    return fmt::format("HTTP/1.1 200 OK\r\nConnection: close\r\n{}Last-Modified: {}\r\n"
+                       "X-Decoded-Content-Length: {}\r\n\r\n",
+                       length ? fmt::format("Content-Length: {}\r\n", *length) : "",
+                       QVFormatHTTPDate(std::chrono::system_clock::now()), decodedLength);
   }
   // Long enough for a late handler call or notification over the loopback to show.
   static void settle() {
