@@ -114,8 +114,7 @@ TEST_F(HostilePeerTest, ADownloadPastItsAnnouncedLengthIsCutAndLeavesNothing) {
     QVData pattern;
   } peers[] = {
       // A whole, valid document, but far longer than announced.
-      {"too short an announcement", answerHead(cipher.size(), 1000),
-       cipher.size(), cipher},
+      {"too short an announcement", answerHead(cipher.size(), 1000), cipher.size(), cipher},
       // No end at all: the bound below is only the test's own.
       {"an endless body", answerHead(std::nullopt, kMiB), 1024 * kMiB, QVData(64 * 1024, 'x')},
   };

@@ -5,6 +5,7 @@
 // and every notification the manager posts recorded. The manager's client reaches the server through
 // peers in the registry that resolve to it, so one manager plays both ends of a transfer.
 
+#include "Foundation/QVDateFormatting.h"
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 #include "Network/HTTPClient/QVHTTPURLResponse.h"
 #include "Network/HTTPClient/QVURLRequest.h"
@@ -12,7 +13,6 @@
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffMessageCodec.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
-#include "Foundation/QVDateFormatting.h"
 #include "QVTestHTTP.h"
 #include "support/QVPrivateCachesEnvironment.h"
 #include "support/QVStandInNetService.h"
