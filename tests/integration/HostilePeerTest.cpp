@@ -6,10 +6,7 @@
 #include "QVHandoff/QVHandoffPaths.h"
 #include "QVHandoffServerFixture.h"
 
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,73 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr uint64_t kMiB = 1024 * 1024;
-
-// Answers each connection with `head` and then up to `bodyLength` bytes of `pattern`, repeated, until the
-// client leaves; counts what it sent. Every wait ends after 30 s.
-class QVStreamingPeer {
-public:
-  QVStreamingPeer(std::string head, uint64_t bodyLength, QVData pattern = QVData(64 * 1024, 'x'))
-      : head_(std::move(head)), bodyLength_(bodyLength), pattern_(std::move(pattern)) {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(listener_, 4) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-      return;
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~QVStreamingPeer() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-    close(listener_);
-  }
-  uint16_t port() const { return port_; }
-  std::atomic<uint64_t> bodySent = 0;
-  std::atomic<int> requests = 0;
-
-private:
-  bool ready(int fd, short events) const {
-    pollfd entry{fd, events, 0};
-    for (int i = 0; i < 300 && !stop_; ++i) {
-      if (poll(&entry, 1, 100) > 0) return (entry.revents & events) != 0;
-    }
-    return false;
-  }
-  void serve() {
-    while (ready(listener_, POLLIN)) {
-      const int connection = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (connection < 0) continue;
-      // The request's head is enough: its body is small and the answer does not depend on it.
-      char buffer[4096];
-      if (ready(connection, POLLIN)) (void)recv(connection, buffer, sizeof buffer, 0);
-      ++requests;
-      bool open = ::send(connection, head_.data(), head_.size(), MSG_NOSIGNAL) >= 0;
-      for (uint64_t sent = 0; open && sent < bodyLength_ && ready(connection, POLLOUT);) {
-        const size_t offset = static_cast<size_t>(sent % pattern_.size());
-        const size_t length =
-            static_cast<size_t>(std::min<uint64_t>(pattern_.size() - offset, bodyLength_ - sent));
-        const ssize_t written = ::send(connection, pattern_.data() + offset, length, MSG_NOSIGNAL);
-        open = written > 0;
-        if (open) {
-          sent += static_cast<uint64_t>(written);
-          bodySent += static_cast<uint64_t>(written);
-        }
-      }
-      close(connection);
-    }
-  }
-
-  const std::string head_;
-  const uint64_t bodyLength_;
-  const QVData pattern_;
-  int listener_ = -1;
-  uint16_t port_ = 0;
-  std::atomic<bool> stop_ = false;
-  std::thread thread_;
-};
 
 std::vector<fs::path> regularFilesUnder(const fs::path& folder) {
   std::vector<fs::path> files;
@@ -119,7 +49,7 @@ TEST_F(HostilePeerTest, ADownloadPastItsAnnouncedLengthIsCutAndLeavesNothing) {
       {"an endless body", answerHead(std::nullopt, kMiB), 1024 * kMiB, QVData(64 * 1024, 'x')},
   };
   for (const auto& answer : peers) {
-    QVStreamingPeer peer(answer.head, answer.bodyLength, answer.pattern);
+    QVRawHTTPServer peer(answer.head, answer.bodyLength, answer.pattern);
     const auto service = addPeer("Studio", key_, peer.port());
     SCOPED_TRACE(answer.what);
     expectDownloadFailed(*ended(handoff(remote(*local))), 0);
@@ -136,8 +66,8 @@ TEST_F(HostilePeerTest, ADownloadPastItsAnnouncedLengthIsCutAndLeavesNothing) {
 
 TEST_F(HostilePeerTest, AHugeTabsListIsRefusedEarly) {
   constexpr uint64_t kListLength = 100 * kMiB;
-  QVStreamingPeer peer(fmt::format("HTTP/1.1 200 OK\r\nContent-Length: {}\r\n\r\n", kListLength),
-                       kListLength);
+  QVRawHTTPServer peer(fmt::format("HTTP/1.1 200 OK\r\nContent-Length: {}\r\n\r\n", kListLength), kListLength,
+                       QVData(64 * 1024, 'x'));
   addPeer("Studio", key_, peer.port(), true);
   const auto studio = manager_->serverInfoForDeviceName("Studio");
   ASSERT_TRUE(studio);
