@@ -5,10 +5,9 @@
 #include "QVHandoff/QVHandoffAES256Data.h"
 #include "QVHandoff/QVHandoffPaths.h"
 #include "QVHandoffServerFixture.h"
+#include "support/QVChildProcess.h"
 
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <random>
@@ -104,29 +103,21 @@ TEST_F(HostilePeerTest, KilledDownloadsLeaveOnlyPartialFilesThatAStartSweeps) {
   for (int run = 0; run < 10; ++run) {
     const fs::path report = folder_.path() / fmt::format("child-{}.txt", run);
     const int requestsBefore = peer.requests;
-    // Made before the fork: between fork and exec the child only calls what is safe there.
-    std::vector<std::string> variables = {"QVHANDOFF_TEST_PEER_PORT=" + std::to_string(peer.port()),
-                                          "QVHANDOFF_TEST_REPORT=" + report.string()};
-    for (char** variable = environ; *variable; ++variable)
-      variables.emplace_back(*variable);
-    std::vector<char*> environment;
-    for (auto& variable : variables)
-      environment.push_back(variable.data());
-    environment.push_back(nullptr);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      execle("/proc/self/exe", "child", "--gtest_also_run_disabled_tests",
-             "--gtest_filter=HostilePeerTest.DISABLED_DownloadUntilKilled", static_cast<char*>(nullptr),
-             environment.data());
-      _exit(127);
-    }
-    // At any moment from the request's arrival to well into the body.
-    const bool arrived = QVRunMainQueueUntil([&] { return peer.requests > requestsBefore; });
-    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 600));
-    kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    setenv("QVHANDOFF_TEST_PEER_PORT", std::to_string(peer.port()).c_str(), 1);
+    setenv("QVHANDOFF_TEST_REPORT", report.c_str(), 1);
+    bool arrived = false;
+    {
+      QVChildProcess child({"/proc/self/exe", "--gtest_also_run_disabled_tests",
+                            "--gtest_filter=HostilePeerTest.DISABLED_DownloadUntilKilled"},
+                           report.string() + ".log");
+      ASSERT_TRUE(child.started());
+      // At any moment from the request's arrival to well into the body.
+      arrived = QVRunMainQueueUntil([&] { return peer.requests > requestsBefore; });
+      std::this_thread::sleep_for(std::chrono::milliseconds(random() % 600));
+      kill(child.pid(), SIGKILL);
+    } // and reaped
+    unsetenv("QVHANDOFF_TEST_PEER_PORT");
+    unsetenv("QVHANDOFF_TEST_REPORT");
     ASSERT_TRUE(arrived) << run;
 
     std::ifstream lines(report);
