@@ -263,9 +263,7 @@ TEST_F(HandoffTest, ARecordRestartedWhileOldChunksArriveGetsOnlyTheNewCopy) {
   const std::string path = second->completions[0];
   EXPECT_EQ(path, manager_->handoffDirectoryPath() + "/Studio" + local->filePath());
   EXPECT_TRUE(QVReadFile(path) == content) << "no byte of the first download in the second copy";
-  const auto files = std::filesystem::recursive_directory_iterator(manager_->handoffDirectoryPath());
-  EXPECT_EQ(
-      std::count_if(begin(files), end(files), [](const auto& entry) { return entry.is_regular_file(); }), 1);
+  EXPECT_EQ(regularFilesUnder(manager_->handoffDirectoryPath()).size(), 1u);
   EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
 }
 

@@ -18,15 +18,6 @@ namespace fs = std::filesystem;
 
 constexpr uint64_t kMiB = 1024 * 1024;
 
-std::vector<fs::path> regularFilesUnder(const fs::path& folder) {
-  std::vector<fs::path> files;
-  std::error_code missing;
-  for (const auto& item : fs::recursive_directory_iterator(folder, missing)) {
-    if (item.is_regular_file()) files.push_back(item.path());
-  }
-  return files;
-}
-
 bool isPartialDownload(const fs::path& path) {
   return path.filename().string().starts_with(QVHandoffPaths::kPartialDownloadPrefix);
 }

@@ -140,6 +140,14 @@ protected:
     session_ = std::make_unique<QVHTTPSessionManager>(); // the old one closes the connections it kept
     return QVRunMainQueueUntil([&] { return server_.numberOfHTTPConnections() == 0 && noFileIn(tmp_); });
   }
+  static std::vector<std::filesystem::path> regularFilesUnder(const std::filesystem::path& folder) {
+    std::vector<std::filesystem::path> files;
+    std::error_code missing;
+    for (const auto& item : std::filesystem::recursive_directory_iterator(folder, missing)) {
+      if (item.is_regular_file()) files.push_back(item.path());
+    }
+    return files;
+  }
   // Folders (the private temporary one) may stay; files may not.
   static bool noFileIn(const std::filesystem::path& folder) {
     std::error_code missing;
