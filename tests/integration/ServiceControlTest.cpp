@@ -35,9 +35,7 @@ protected:
     auto manager = QVHandoffManager::make();
     managers_.push_back(manager);
     manager->localServer()->setInterface("127.0.0.1");
-    storage_ = std::make_shared<QVHandoffMetaStorage>();
-    storage_->setServiceType("5E77C0DE");
-    storage_->setAES256Key(key_);
+    storage_ = QVTestMetaStorage(key_, "5E77C0DE");
     manager->setMetaStorages({storage_});
     auto list = std::make_shared<QVHandoffManager::DocumentInfoList>();
     for (const auto& name : documents) {
