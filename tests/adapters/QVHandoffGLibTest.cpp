@@ -62,53 +62,38 @@ protected:
   const std::thread::id loopThread_ = std::this_thread::get_id();
 };
 
-TEST_F(QVHandoffGLibTest, TasksFromAnyThreadRunInOrderOnTheContext) {
+TEST_F(QVHandoffGLibTest, TasksAndTimersFromAnyThreadRunInOrderOnTheContextAndCancelledTimersNever) {
   QVMainQueue& queue = QVMainQueue::main();
   EXPECT_TRUE(queue.hasDispatcher());
   EXPECT_TRUE(queue.isMainThread());
-  std::vector<int> order;
-  bool allOnLoop = true;
-  for (int i = 0; i < 3; ++i) {
-    queue.post([&, i] {
-      allOnLoop = allOnLoop && onLoop();
-      order.push_back(i);
-    });
-  }
+  const auto start = QVMainQueue::Clock::now();
+  std::vector<int> order, fired;
+  bool allOnLoop = true, cancelledFired = false;
+  const auto note = [&](std::vector<int>& into, int value) {
+    allOnLoop = allOnLoop && onLoop();
+    into.push_back(value);
+    if (order.size() == 4 && fired.size() == 2) quit();
+  };
+  for (int i = 0; i < 3; ++i)
+    queue.post([&, i] { note(order, i); });
   std::thread worker([&] {
     EXPECT_FALSE(queue.isMainThread());
-    queue.post([&] {
-      allOnLoop = allOnLoop && onLoop();
-      order.push_back(3);
-      quit();
-    });
+    queue.post([&] { note(order, 3); });
   });
-  // Posting never runs a task inside the caller, even on the thread that owns the context.
-  EXPECT_TRUE(order.empty());
-  ASSERT_TRUE(run()) << "the posted tasks never ran on the GLib loop";
-  worker.join();
-  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
-  EXPECT_TRUE(allOnLoop);
-}
-
-TEST_F(QVHandoffGLibTest, TimersFireOnTheContextAfterTheirDelayAndCancelledOnesNever) {
-  QVMainQueue& queue = QVMainQueue::main();
-  const auto start = QVMainQueue::Clock::now();
-  bool cancelledFired = false;
-  std::vector<int> fired;
   const auto cancelled = queue.postAfter(20ms, [&] { cancelledFired = true; });
   queue.postAfter(60ms, [&] {
-    EXPECT_TRUE(onLoop());
     EXPECT_GE(QVMainQueue::Clock::now() - start, 60ms);
-    fired.push_back(2);
-    quit();
+    note(fired, 2);
   });
-  queue.postAfter(10ms, [&] {
-    EXPECT_TRUE(onLoop());
-    fired.push_back(1);
-  });
+  queue.postAfter(10ms, [&] { note(fired, 1); });
   queue.cancelTimer(cancelled);
-  ASSERT_TRUE(run()) << "the timer never fired on the GLib loop";
+  // Posting never runs a task inside the caller, even on the thread that owns the context.
+  EXPECT_TRUE(order.empty());
+  ASSERT_TRUE(run()) << "the posted tasks or timers never ran on the GLib loop";
+  worker.join();
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
   EXPECT_EQ(fired, (std::vector<int>{1, 2}));
+  EXPECT_TRUE(allOnLoop);
   EXPECT_FALSE(cancelledFired);
   // Everything ran through the context: the queue's own loop has nothing left to do.
   bool leftOver = false;

@@ -54,8 +54,7 @@ private:
 class EditedCopiesTest : public QVHandoffServerTest {
 protected:
   std::string handedOff(const std::shared_ptr<QVHandoffDocumentInfo>& local) {
-    const auto outcome = handoff(remote(*local, device_));
-    EXPECT_TRUE(QVRunMainQueueUntil([&] { return outcome->ended(); }));
+    const auto outcome = ended(handoff(remote(*local, device_)));
     return outcome->completions.empty() ? std::string() : outcome->completions.front();
   }
   // Reads the copy's tags as `qvhandoff save-back` does and saves it back; the copy must be re-tagged with
@@ -65,8 +64,7 @@ protected:
     ASSERT_TRUE(tags) << editor << ": the copy is no longer known";
     EXPECT_EQ(tags->filePath(), origin) << editor;
     EXPECT_EQ(tags->deviceName(), device_) << editor;
-    const auto outcome = saveBack(copy, tags);
-    ASSERT_TRUE(QVRunMainQueueUntil([&] { return outcome->ended(); })) << editor;
+    const auto outcome = ended(saveBack(copy, tags));
     ASSERT_EQ(outcome->completions, std::vector<std::string>{copy}) << editor;
     EXPECT_TRUE(QVReadFile(origin) == QVReadFile(copy)) << editor;
     const auto retagged = QVHandoffManager::documentInfoForFileAtPath(copy);

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include "Foundation/QVDateFormatting.h"
 #include "Foundation/QVFileOperations.h"
 #include "Foundation/QVMainQueue.h"
 #include "QVHandoff/QVHandoffAES256Data.h"
@@ -9,30 +8,7 @@
 
 namespace {
 
-class HandoffTest : public QVHandoffServerTest {
-protected:
-  // The download failed once, with `code` in `domain`, and left no file in the handoff folder.
-  void expectFailure(const QVTransferOutcome& outcome, int64_t code,
-                     const std::string& domain = QVHandoffErrorDomain) {
-    EXPECT_TRUE(outcome.completions.empty());
-    ASSERT_EQ(outcome.errors.size(), 1u);
-    EXPECT_EQ(outcome.errors[0], (QVError{domain, code, {}}));
-    EXPECT_TRUE(noCopies());
-    EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
-  }
-  // What the real server sends before an encrypted body of `length` bytes.
-  static std::string answerHead(size_t length, size_t decodedLength) {
-    return fmt::format("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: {}\r\nLast-Modified: {}\r\n"
-                       "X-Decoded-Content-Length: {}\r\n\r\n",
-                       length, QVFormatHTTPDate(std::chrono::system_clock::now()), decodedLength);
-  }
-  bool noCopies() const {
-    std::error_code missing;
-    const auto files =
-        std::filesystem::recursive_directory_iterator(manager_->handoffDirectoryPath(), missing);
-    return std::none_of(begin(files), end(files), [](const auto& entry) { return entry.is_regular_file(); });
-  }
-};
+using HandoffTest = QVHandoffServerTest;
 
 TEST_F(HandoffTest, ServesEncryptedCopiesThatTheCommandLineDecrypts) {
   const QVData content = QVTestBytes(512 * 1024, 5); // a multiple of the block size
@@ -135,8 +111,7 @@ TEST_F(HandoffTest, DownloadsEverySizeTagsTheCopyAndNeverOverwritesOne) {
     EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
 
     // The same document again lands beside the first copy.
-    const auto again = handoff(remote(*local));
-    ASSERT_TRUE(QVRunMainQueueUntil([&] { return again->ended(); }));
+    const auto again = ended(handoff(remote(*local)));
     ASSERT_EQ(again->completions.size(), 1u);
     EXPECT_EQ(again->completions[0], path.substr(0, path.size() - 4) + " 2.pdf");
     EXPECT_TRUE(QVReadFile(path) == content);
@@ -146,19 +121,14 @@ TEST_F(HandoffTest, DownloadsEverySizeTagsTheCopyAndNeverOverwritesOne) {
 
 TEST_F(HandoffTest, EveryFailureIsReportedOnceAndLeavesNoFile) {
   const auto local = document("Doc.pdf", QVTestBytes(5 * 1024 * 1024));
-  const auto run = [&](std::function<void()> onProgress = {}) {
-    const auto outcome = handoff(remote(*local), std::move(onProgress));
-    EXPECT_TRUE(QVRunMainQueueUntil([&] { return outcome->ended(); }));
-    return outcome;
-  };
 
   // No peer of that name: at once, before any file exists.
-  expectFailure(*handoff(remote(*local, "Nowhere")), 0);
+  expectDownloadFailed(*handoff(remote(*local, "Nowhere")), 0);
   EXPECT_TRUE(log_.contains("Server HTTP address is unresolved", "info"));
 
   // Another key: the peer cannot read the request and answers 500.
   auto peer = addPeer("Studio", QVTestBytes(32, 7), server_.port());
-  expectFailure(*run(), QVURLError::BadServerResponse, QVURLErrorDomain);
+  expectDownloadFailed(*ended(handoff(remote(*local))), QVURLError::BadServerResponse, QVURLErrorDomain);
   EXPECT_TRUE(log_.contains("Handoff remote document request error", "error"));
   manager_->removeRemoteServerInfoForService(peer);
 
@@ -170,7 +140,7 @@ TEST_F(HandoffTest, EveryFailureIsReportedOnceAndLeavesNoFile) {
     QVWriteFile(destination, content);
     return true;
   });
-  expectFailure(*run(), 0);
+  expectDownloadFailed(*ended(handoff(remote(*local))), 0);
   EXPECT_TRUE(log_.contains("Handoff remote document request file transfer incomplete", "error"));
   manager_->setCopyFileBlock(QVHandoffManagerDefaultCopyFileBlock);
 
@@ -196,9 +166,7 @@ TEST_F(HandoffTest, EveryFailureIsReportedOnceAndLeavesNoFile) {
     QVRawHTTPServer raw(reply);
     manager_->removeRemoteServerInfoForService(peer);
     peer = addPeer("Studio", key_, raw.port());
-    const auto outcome = handoff(remote(*small));
-    ASSERT_TRUE(QVRunMainQueueUntil([&] { return outcome->ended(); }));
-    expectFailure(*outcome, 0);
+    expectDownloadFailed(*ended(handoff(remote(*small))), 0);
     EXPECT_TRUE(log_.contains(std::string("Handoff remote document request ") + answer.message, "error"));
     log_.clear();
   }
@@ -206,7 +174,8 @@ TEST_F(HandoffTest, EveryFailureIsReportedOnceAndLeavesNoFile) {
   // The peer goes away in the middle of the body.
   manager_->removeRemoteServerInfoForService(peer);
   addPeer("Studio", key_, server_.port());
-  expectFailure(*run([this] { server_.stop(); }), QVURLError::NetworkConnectionLost, QVURLErrorDomain);
+  expectDownloadFailed(*ended(handoff(remote(*local), [this] { server_.stop(); })),
+                       QVURLError::NetworkConnectionLost, QVURLErrorDomain);
   EXPECT_TRUE(QVReadFile(local->filePath()) == QVTestBytes(5 * 1024 * 1024));
 }
 
@@ -224,7 +193,7 @@ TEST_F(HandoffTest, CancelIsSilentAndANewerDownloadTakesTheChunksOver) {
   EXPECT_FALSE(cancelled->ended());
   EXPECT_EQ(cancelled->progress.size(), 1u);
   EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
-  EXPECT_TRUE(noCopies());
+  EXPECT_TRUE(noFileIn(manager_->handoffDirectoryPath()));
   EXPECT_TRUE(QVReadFile(first->filePath()) == content);
   EXPECT_TRUE(log_.contains("Cancel handoff for document", "info"));
   manager_->cancelHandoffRemoteDocumentWithInfo(remote(*first));
@@ -264,7 +233,7 @@ TEST_F(HandoffTest, ACancelMeetingABodyCutPartWayEndsTheDownloadOnceAndLeavesNoC
     if (!outcome->errors.empty()) {
       EXPECT_EQ(outcome->errors[0].domain, QVURLErrorDomain) << delay;
     }
-    EXPECT_TRUE(noCopies()) << delay;
+    EXPECT_TRUE(noFileIn(manager_->handoffDirectoryPath())) << delay;
     EXPECT_TRUE(manager_->handoffDocumentsInfo().empty()) << delay;
   }
 }
@@ -294,9 +263,7 @@ TEST_F(HandoffTest, ARecordRestartedWhileOldChunksArriveGetsOnlyTheNewCopy) {
   const std::string path = second->completions[0];
   EXPECT_EQ(path, manager_->handoffDirectoryPath() + "/Studio" + local->filePath());
   EXPECT_TRUE(QVReadFile(path) == content) << "no byte of the first download in the second copy";
-  const auto files = std::filesystem::recursive_directory_iterator(manager_->handoffDirectoryPath());
-  EXPECT_EQ(
-      std::count_if(begin(files), end(files), [](const auto& entry) { return entry.is_regular_file(); }), 1);
+  EXPECT_EQ(regularFilesUnder(manager_->handoffDirectoryPath()).size(), 1u);
   EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
 }
 

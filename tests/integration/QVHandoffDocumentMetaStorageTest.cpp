@@ -140,37 +140,35 @@ TEST_F(QVHandoffDocumentMetaStorageTest, MasterCreatesTheFileAndAnotherDeviceFol
   EXPECT_EQ(folder_.entries(), std::vector<std::string>{QVHandoffMetaFileName}) << "no temporary file left";
 }
 
-TEST_F(QVHandoffDocumentMetaStorageTest, ANonMasterWaitsForAFileThatArrivesLater) {
-  auto delegate = makeDelegate();
-  auto storage = startStorage(false, delegate);
+TEST_F(QVHandoffDocumentMetaStorageTest, ForeignFilesAreReadAndAnInvalidOneIsReplacedOnlyByTheMaster) {
+  auto readerDelegate = makeDelegate();
+  auto reader = startStorage(false, readerDelegate);
   EXPECT_TRUE(log_.contains("Meta data file not found", "info"));
   EXPECT_FALSE(fs::exists(metaFile())) << "only a master creates the file";
 
-  // The sync client delivers another device's file after start-up.
-  replaceMetaFile(bytesOf(metaXML("LATE-TYPE", kForeignKey)));
-  ASSERT_TRUE(QVRunMainQueueUntil([&] { return delegate->serviceTypes.size() == 1; }));
-  EXPECT_EQ(storage->serviceType(), "LATE-TYPE");
-  EXPECT_EQ(storage->AES256Key(), kForeignKey);
-}
-
-TEST_F(QVHandoffDocumentMetaStorageTest, ForeignFilesAreReadAndAnInvalidOneIsReplacedOnlyByTheMaster) {
-  // A binary property list made by another program from hand-written XML.
-  const std::string source = folder_.file("source.xml");
+  // The sync client delivers, after start-up, a binary property list made by another program from
+  // hand-written XML.
+  const std::string source = folder_.file("source.xml"), binary = folder_.file("binary");
   QVWriteFile(source, bytesOf(metaXML("FOREIGN-TYPE", kForeignKey)));
-  ASSERT_EQ(std::system(("plistutil -i " + source + " -o " + metaFile()).c_str()), 0);
+  ASSERT_EQ(std::system(("plistutil -i " + source + " -o " + binary).c_str()), 0);
   fs::remove(source);
-
-  auto readerDelegate = makeDelegate();
-  auto reader = startStorage(false, readerDelegate);
+  replaceMetaFile(QVReadFile(binary));
+  fs::remove(binary);
   ASSERT_TRUE(QVRunMainQueueUntil([&] { return readerDelegate->serviceTypes.size() == 1; }));
   EXPECT_EQ(reader->serviceType(), "FOREIGN-TYPE");
   EXPECT_EQ(reader->AES256Key(), kForeignKey);
   EXPECT_TRUE(log_.contains("Meta data read serviceType(FOREIGN-TYPE)", "info"));
 
-  // An empty key makes the file invalid: the non-master keeps what it had.
+  // A truncated file, garbage, or an empty key: the non-master keeps what it had.
+  const std::string valid = metaXML("GOOD-TYPE", kForeignKey);
+  QVWriteFile(metaFile(), bytesOf(valid.substr(0, valid.size() / 2)));
+  ASSERT_TRUE(QVRunMainQueueUntil([&] { return log_.count("Couldn't read meta data dictionary") == 1; }));
+  QVWriteFile(metaFile(), QVTestBytes(300, 3));
+  ASSERT_TRUE(QVRunMainQueueUntil([&] { return log_.count("Couldn't read meta data dictionary") == 2; }));
   replaceMetaFile(bytesOf(metaXML("EMPTY-KEY-TYPE", {})));
   ASSERT_TRUE(QVRunMainQueueUntil([&] { return log_.contains("Meta data dictionary is invalid", "error"); }));
   EXPECT_EQ(reader->serviceType(), "FOREIGN-TYPE");
+  EXPECT_EQ(reader->AES256Key(), kForeignKey);
   EXPECT_EQ(readerDelegate->serviceTypes.size(), 1u);
 
   // The master replaces it with new values and says so once, after the write.
@@ -183,23 +181,6 @@ TEST_F(QVHandoffDocumentMetaStorageTest, ForeignFilesAreReadAndAnInvalidOneIsRep
   EXPECT_EQ(master->AES256Key().size(), 32u);
   EXPECT_EQ(masterDelegate->fileAtCall[0], QVReadFile(metaFile()));
   EXPECT_EQ(reader->AES256Key(), master->AES256Key());
-}
-
-TEST_F(QVHandoffDocumentMetaStorageTest, GarbageOrTruncatedFilesKeepThePreviousValues) {
-  const std::string valid = metaXML("GOOD-TYPE", kForeignKey);
-  QVWriteFile(metaFile(), bytesOf(valid));
-  auto delegate = makeDelegate();
-  auto storage = startStorage(false, delegate);
-  ASSERT_TRUE(QVRunMainQueueUntil([&] { return delegate->serviceTypes.size() == 1; }));
-
-  QVWriteFile(metaFile(), bytesOf(valid.substr(0, valid.size() / 2)));
-  ASSERT_TRUE(QVRunMainQueueUntil([&] { return log_.count("Couldn't read meta data dictionary") == 1; }));
-  QVWriteFile(metaFile(), QVTestBytes(300, 3));
-  ASSERT_TRUE(QVRunMainQueueUntil([&] { return log_.count("Couldn't read meta data dictionary") == 2; }));
-  EXPECT_EQ(storage->serviceType(), "GOOD-TYPE");
-  EXPECT_EQ(storage->AES256Key(), kForeignKey);
-  QVMainQueue::main().drain();
-  EXPECT_EQ(delegate->serviceTypes.size(), 1u);
 }
 
 TEST_F(QVHandoffDocumentMetaStorageTest, TheNewestConflictCopyWinsAndUnrelatedFilesStay) {

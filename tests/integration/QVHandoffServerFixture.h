@@ -5,6 +5,7 @@
 // and every notification the manager posts recorded. The manager's client reaches the server through
 // peers in the registry that resolve to it, so one manager plays both ends of a transfer.
 
+#include "Foundation/QVDateFormatting.h"
 #include "Network/HTTPClient/QVHTTPSessionManager.h"
 #include "Network/HTTPClient/QVHTTPURLResponse.h"
 #include "Network/HTTPClient/QVURLRequest.h"
@@ -139,6 +140,14 @@ protected:
     session_ = std::make_unique<QVHTTPSessionManager>(); // the old one closes the connections it kept
     return QVRunMainQueueUntil([&] { return server_.numberOfHTTPConnections() == 0 && noFileIn(tmp_); });
   }
+  static std::vector<std::filesystem::path> regularFilesUnder(const std::filesystem::path& folder) {
+    std::vector<std::filesystem::path> files;
+    std::error_code missing;
+    for (const auto& item : std::filesystem::recursive_directory_iterator(folder, missing)) {
+      if (item.is_regular_file()) files.push_back(item.path());
+    }
+    return files;
+  }
   // Folders (the private temporary one) may stay; files may not.
   static bool noFileIn(const std::filesystem::path& folder) {
     std::error_code missing;
@@ -197,6 +206,27 @@ protected:
   auto saveBack(const std::string& path, const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
                 std::function<void()> onProgress = {}) {
     return transfer(&QVHandoffManager::saveBackFileAtPath, onProgress, path, documentInfo);
+  }
+  // Waits (bounded) for the transfer to end.
+  static std::shared_ptr<QVTransferOutcome> ended(std::shared_ptr<QVTransferOutcome> outcome) {
+    EXPECT_TRUE(QVRunMainQueueUntil([&] { return outcome->ended(); }));
+    return outcome;
+  }
+  // The download failed once, with `code` in `domain`, and left no file in the handoff folder.
+  void expectDownloadFailed(const QVTransferOutcome& outcome, int64_t code,
+                            const std::string& domain = QVHandoffErrorDomain) {
+    EXPECT_TRUE(outcome.completions.empty());
+    ASSERT_EQ(outcome.errors.size(), 1u);
+    EXPECT_EQ(outcome.errors[0], (QVError{domain, code, {}}));
+    EXPECT_TRUE(noFileIn(manager_->handoffDirectoryPath()));
+    EXPECT_TRUE(manager_->handoffDocumentsInfo().empty());
+  }
+  // What the real server sends before an encrypted body of `length` bytes (none: no length announced).
+  static std::string answerHead(std::optional<size_t> length, size_t decodedLength) {
+    return fmt::format("HTTP/1.1 200 OK\r\nConnection: close\r\n{}Last-Modified: {}\r\n"
+                       "X-Decoded-Content-Length: {}\r\n\r\n",
+                       length ? fmt::format("Content-Length: {}\r\n", *length) : "",
+                       QVFormatHTTPDate(std::chrono::system_clock::now()), decodedLength);
   }
   // Long enough for a late handler call or notification over the loopback to show.
   static void settle() {

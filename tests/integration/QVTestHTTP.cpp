@@ -22,7 +22,16 @@ void QVHangUpMidUpload(uint16_t port, const std::string& path, const QVData& bod
 }
 
 QVRawHTTPServer::QVRawHTTPServer(std::string reply, bool hold, size_t piece) {
-  listener_ = socket(AF_INET, SOCK_STREAM, 0);
+  start(std::move(reply), hold, piece);
+}
+
+QVRawHTTPServer::QVRawHTTPServer(std::string head, uint64_t bodyLength, QVData pattern)
+    : bodyLength_(bodyLength), pattern_(std::move(pattern)) {
+  start(std::move(head), false, 0);
+}
+
+void QVRawHTTPServer::start(std::string reply, bool hold, size_t piece) {
+  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t length = sizeof address;
   bind(listener_, reinterpret_cast<sockaddr*>(&address), length);
@@ -47,16 +56,27 @@ std::string QVRawHTTPServer::request() const {
   return request_;
 }
 
-bool QVRawHTTPServer::readable(int fd) const {
-  pollfd entry{fd, POLLIN, 0};
+bool QVRawHTTPServer::ready(int fd, short events) const {
+  pollfd entry{fd, events, 0};
   for (int i = 0; i < 300 && !stop_; ++i) {
-    if (poll(&entry, 1, 100) > 0) return true;
+    if (poll(&entry, 1, 100) > 0) return (entry.revents & events) != 0;
   }
   return false;
 }
 
-bool QVRawHTTPServer::send(int connection, const std::string& reply, size_t piece) const {
-  if (piece == 0) return ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL) >= 0;
+bool QVRawHTTPServer::send(int connection, const std::string& reply, size_t piece) {
+  if (piece == 0 && ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL) < 0) return false;
+  // The repeated body, as far as the client reads it.
+  for (uint64_t sent = 0; piece == 0 && sent < bodyLength_ && ready(connection, POLLOUT);) {
+    const size_t offset = static_cast<size_t>(sent % pattern_.size());
+    const size_t length =
+        static_cast<size_t>(std::min<uint64_t>(pattern_.size() - offset, bodyLength_ - sent));
+    const ssize_t written = ::send(connection, pattern_.data() + offset, length, MSG_NOSIGNAL);
+    if (written <= 0) return false;
+    sent += static_cast<uint64_t>(written);
+    bodySent += static_cast<uint64_t>(written);
+  }
+  if (piece == 0) return true;
   for (size_t offset = 0; offset < reply.size() && !stop_; offset += piece) {
     const size_t length = std::min(piece, reply.size() - offset);
     if (::send(connection, reply.data() + offset, length, MSG_NOSIGNAL) != static_cast<ssize_t>(length))
@@ -67,12 +87,13 @@ bool QVRawHTTPServer::send(int connection, const std::string& reply, size_t piec
 }
 
 void QVRawHTTPServer::serve(const std::string& reply, bool hold, size_t piece) {
-  while (readable(listener_)) {
-    const int connection = accept(listener_, nullptr, nullptr);
+  while (ready(listener_)) {
+    const int connection = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (connection < 0) continue;
     // The whole request first, so that hanging up never resets the connection under the answer.
     std::string request;
     char buffer[4096];
-    for (ssize_t n; readable(connection) && (n = recv(connection, buffer, sizeof buffer, 0)) > 0;) {
+    for (ssize_t n; ready(connection) && (n = recv(connection, buffer, sizeof buffer, 0)) > 0;) {
       request.append(buffer, static_cast<size_t>(n));
       const size_t end = request.find("\r\n\r\n");
       const size_t field = request.find("Content-Length: ");
@@ -86,7 +107,7 @@ void QVRawHTTPServer::serve(const std::string& reply, bool hold, size_t piece) {
     }
     ++requests;
     if (send(connection, reply, piece) && hold) {
-      while (readable(connection) && recv(connection, buffer, sizeof buffer, 0) > 0) {
+      while (ready(connection) && recv(connection, buffer, sizeof buffer, 0) > 0) {
       }
     }
     close(connection);

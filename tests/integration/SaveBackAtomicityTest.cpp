@@ -48,13 +48,7 @@ protected:
     }
     return paths;
   }
-  std::vector<std::string> documents() const {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::recursive_directory_iterator(docs_))
-      names.push_back(entry.path().lexically_relative(docs_).string());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
+  std::vector<std::string> documents() const { return folder_.entries("docs"); }
   static mode_t modeOf(const std::string& path) {
     struct stat info {};
     stat(path.c_str(), &info);

@@ -17,7 +17,7 @@ protected:
     return path;
   }
   std::shared_ptr<QVTransferOutcome> finished(std::shared_ptr<QVTransferOutcome> outcome) {
-    EXPECT_TRUE(QVRunMainQueueUntil([&] { return outcome->ended(); }));
+    ended(outcome);
     // The client keeps its connection: only the files tell that both sides cleaned up.
     EXPECT_TRUE(QVRunMainQueueUntil([&] { return noFileIn(tmp_); }));
     EXPECT_TRUE(manager_->saveBackDocumentsInfo().empty());

@@ -3,52 +3,16 @@
 #include "QVHandoff/QVHandoffManager.h"
 #include "QVHandoff/QVHandoffServerInfo.h"
 #include "QVHandoff/QVHandoffiCloudDocumentsPresenter.h"
+#include "support/QVHostLoop.h"
 #include "support/QVPrivateCachesEnvironment.h"
 #include "support/QVStandInNetService.h"
 #include "support/QVTestSupport.h"
 
-#include <condition_variable>
-#include <deque>
 #include <filesystem>
-#include <map>
 
 using namespace std::chrono_literals;
 
 namespace {
-
-// A host with a loop of its own, as a Qt or GLib host has: tasks and timers posted from any thread run on
-// the test's thread, and only while the test turns this loop.
-class HostLoop {
-public:
-  void post(QVMainQueue::Task task) { postAfter(0s, std::move(task)); }
-  void postAfter(QVMainQueue::Clock::duration delay, QVMainQueue::Task task) {
-    std::lock_guard lock(mutex_);
-    tasks_.emplace(QVMainQueue::Clock::now() + delay, std::move(task));
-    wake_.notify_all();
-  }
-  bool runUntil(const std::function<bool()>& done, QVMainQueue::Clock::duration timeout = 20s) {
-    const auto deadline = QVMainQueue::Clock::now() + timeout;
-    while (!done()) {
-      if (QVMainQueue::Clock::now() >= deadline) return false;
-      std::unique_lock lock(mutex_);
-      const auto due = tasks_.empty() ? deadline : tasks_.begin()->first;
-      if (due > QVMainQueue::Clock::now()) {
-        wake_.wait_until(lock, std::min({due, deadline, QVMainQueue::Clock::now() + 10ms}));
-        continue;
-      }
-      auto task = std::move(tasks_.begin()->second);
-      tasks_.erase(tasks_.begin());
-      lock.unlock();
-      task();
-    }
-    return true;
-  }
-
-private:
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::multimap<QVMainQueue::Clock::time_point, QVMainQueue::Task> tasks_;
-};
 
 // Managers of their own (not the shared one), each serving its documents on the loopback, where the
 // server is not announced: no DNS-SD. Peers are given their address directly.
@@ -67,23 +31,11 @@ protected:
     QVHandoffiCloudDocumentsPresenter::resetForTesting();
   }
 
-  // The host installs its loop before it makes anything.
-  std::shared_ptr<HostLoop> installHostLoop() {
-    auto loop = std::make_shared<HostLoop>();
-    QVMainQueue::main().setDispatcher({[loop](QVMainQueue::Task task) { loop->post(std::move(task)); },
-                                       [loop](QVMainQueue::Clock::duration delay, QVMainQueue::Task task) {
-                                         loop->postAfter(delay, std::move(task));
-                                       }});
-    return loop;
-  }
-
   std::shared_ptr<QVHandoffManager> startedManager(const std::vector<std::string>& documents = {}) {
     auto manager = QVHandoffManager::make();
     managers_.push_back(manager);
     manager->localServer()->setInterface("127.0.0.1");
-    storage_ = std::make_shared<QVHandoffMetaStorage>();
-    storage_->setServiceType("5E77C0DE");
-    storage_->setAES256Key(key_);
+    storage_ = QVTestMetaStorage(key_, "5E77C0DE");
     manager->setMetaStorages({storage_});
     auto list = std::make_shared<QVHandoffManager::DocumentInfoList>();
     for (const auto& name : documents) {
@@ -109,7 +61,7 @@ protected:
   }
 
   // A manager of the host's that has listed `origin`'s documents as those of the device "Origin".
-  std::shared_ptr<QVHandoffManager> clientListing(QVHandoffManager& origin, HostLoop& loop) {
+  std::shared_ptr<QVHandoffManager> clientListing(QVHandoffManager& origin, QVHostLoop& loop) {
     auto client = QVHandoffManager::make();
     managers_.push_back(client);
     addPeer(*client, "Origin", origin.localServer()->port());
@@ -136,7 +88,7 @@ protected:
 };
 
 TEST_F(ServiceControlTest, HostLoopHandsOffSavesBackAndStopsFromInsideASaveBackObserver) {
-  const auto loop = installHostLoop();
+  const auto loop = QVHostLoop::install(); // before the host makes anything
   const auto origin = startedManager({"Report.pdf"});
   const auto client = clientListing(*origin, *loop);
   ASSERT_EQ(listedPaths(*client, "Origin").size(), 1u);
@@ -180,7 +132,7 @@ TEST_F(ServiceControlTest, HostLoopHandsOffSavesBackAndStopsFromInsideASaveBackO
 }
 
 TEST_F(ServiceControlTest, MetaChangeDuringAStopRestartsTheServiceOnce) {
-  const auto loop = installHostLoop();
+  const auto loop = QVHostLoop::install(); // before the host makes anything
   const auto origin = startedManager({"Notes.pdf"});
   const auto client = clientListing(*origin, *loop);
   ASSERT_EQ(listedPaths(*client, "Origin").size(), 1u);

@@ -5,6 +5,7 @@
 
 #include "Network/DNSSD/QVDNSSDEngine.h"
 #include "Network/DNSSD/QVNetService.h"
+#include "QVHandoff/QVHandoffMetaStorage.h"
 
 #include <atomic>
 #include <chrono>
@@ -65,3 +66,12 @@ public:
   static constexpr int kError = -26; // Avahi's "not supported"
   std::atomic<int> requests = 0;
 };
+
+// A storage as a sync folder's meta file would give it; an empty type means nothing is published or browsed.
+inline std::shared_ptr<QVHandoffMetaStorage> QVTestMetaStorage(QVData key,
+                                                               const std::string& serviceType = "") {
+  auto storage = std::make_shared<QVHandoffMetaStorage>();
+  storage->setServiceType(serviceType);
+  storage->setAES256Key(std::move(key));
+  return storage;
+}

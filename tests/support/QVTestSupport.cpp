@@ -77,10 +77,11 @@ QVTemporaryFolder::~QVTemporaryFolder() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-std::vector<std::string> QVTemporaryFolder::entries() const {
+std::vector<std::string> QVTemporaryFolder::entries(const std::string& below) const {
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(path_)) {
-    names.push_back(std::filesystem::relative(entry.path(), path_).string());
+  const auto folder = path_ / below;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+    names.push_back(entry.path().lexically_relative(folder).string());
   }
   std::sort(names.begin(), names.end());
   return names;

@@ -39,8 +39,8 @@ public:
   ~QVTemporaryFolder();
   const std::filesystem::path& path() const { return path_; }
   std::string file(const std::string& name) const { return (path_ / name).string(); }
-  // The names of everything below the folder, relative to it, sorted.
-  std::vector<std::string> entries() const;
+  // The names of everything below the folder (or its subfolder `below`), relative to it, sorted.
+  std::vector<std::string> entries(const std::string& below = "") const;
 
 private:
   std::filesystem::path path_;

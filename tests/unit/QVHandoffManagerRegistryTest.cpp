@@ -30,12 +30,6 @@ protected:
     manager_->localServer()->stop();
   }
 
-  static std::shared_ptr<QVHandoffMetaStorage> storage(QVData key) {
-    auto storage = std::make_shared<QVHandoffMetaStorage>();
-    storage->setAES256Key(std::move(key));
-    return storage;
-  }
-
   std::shared_ptr<QVStandInNetService> find(const std::string& name, const std::string& hasDocs,
                                             size_t browserIndex = 0) {
     auto service = std::make_shared<QVStandInNetService>(name);
@@ -61,8 +55,8 @@ protected:
   const std::shared_ptr<QVHTTPSessionManager> session_ = std::make_shared<QVHTTPSessionManager>();
   const std::shared_ptr<QVHandoffManager> manager_ = QVHandoffManager::make({engine_, session_});
   const spdlog::level::level_enum logLevel_ = QVLogging::level();
-  const QVHandoffManager::MetaStorageList storages_ = {storage(QVTestBytes(32, 1)),
-                                                       storage(QVTestBytes(32, 2))};
+  const QVHandoffManager::MetaStorageList storages_ = {QVTestMetaStorage(QVTestBytes(32, 1)),
+                                                       QVTestMetaStorage(QVTestBytes(32, 2))};
   QVLogCapture log_;
   size_t updates_ = 0;
   QVNotificationObservation updatesObservation_{
@@ -240,7 +234,7 @@ TEST_F(QVHandoffManagerRegistryTest, UsesThePlatformItWasBuiltWith) {
   EXPECT_EQ(&manager_->HTTPSessionManager(), session_.get());
   EXPECT_EQ(engine_->requests, 0); // nothing is asked of DNS-SD before it is needed
 
-  auto typed = storage(QVTestBytes(32, 3));
+  auto typed = QVTestMetaStorage(QVTestBytes(32, 3));
   typed->setServiceType("5A0F3C1E-0000-4000-8000-000000000001");
   manager_->setMetaStorages({typed, storages_[0]});
   ASSERT_EQ(manager_->serviceBrowsers().size(), 2u);

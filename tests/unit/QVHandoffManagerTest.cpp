@@ -3,6 +3,7 @@
 #include "Foundation/QVMainQueue.h"
 #include "Network/DNSSD/QVNetServiceBrowser.h"
 #include "QVHandoff/QVHandoffiCloudDocumentsPresenter.h"
+#include "support/QVStandInNetService.h"
 #include "support/QVTestSupport.h"
 
 #include <filesystem>
@@ -27,10 +28,7 @@ protected:
   }
 
   static std::shared_ptr<QVHandoffMetaStorage> storage(const std::string& serviceType = "") {
-    auto storage = std::make_shared<QVHandoffMetaStorage>();
-    storage->setServiceType(serviceType);
-    storage->setAES256Key(QVTestBytes(32));
-    return storage;
+    return QVTestMetaStorage(QVTestBytes(32), serviceType);
   }
 
   std::string TXT(const char* key) const {

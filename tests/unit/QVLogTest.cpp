@@ -60,6 +60,7 @@ TEST_F(QVLogTest, AHostHandlerGetsEachLineAndTheLibraryLeavesSpdlogAlone) {
   EXPECT_EQ(lines[0].operation, "logWarning");
   EXPECT_EQ(lines[0].message, "Couldn't do it: 7");
   EXPECT_EQ(lines[1].level, QVHandoffLogLevel::Debug);
+  EXPECT_EQ(QVLogging::operationName("std::optional<std::vector<int> > QVX::f(int, char)"), "QVX::f");
 
   EXPECT_EQ(spdlog::get("Tests/QVLogTest"), nullptr) << "the library registered a logger with spdlog";
   EXPECT_EQ(hostLogger->level(), spdlog::level::critical) << "the library changed a host logger's level";

@@ -1,25 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "Foundation/QVMainQueue.h"
-#include "Foundation/QVLog.h"
 #include "Foundation/QVNotificationCenter.h"
+#include "support/QVHostLoop.h"
 #include "support/QVTestSupport.h"
 
 #include <atomic>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-QV_LOG_SOURCE("Tests/QVMainQueueTest")
-
-namespace {
-
-struct Probe {
-  void logSomething(int value) { QV_LOG_ERROR("Couldn't do it with result({})", value); }
-};
-
-} // namespace
 
 TEST(QVMainQueueTest, PerformFromAnotherThreadWaitsForTheMainThread) {
   std::atomic<bool> ranOnMain = false;
@@ -124,53 +113,17 @@ TEST(QVMainQueueTest, NotificationsFilterBySenderAndStopWithTheObservation) {
   EXPECT_EQ(seenAny, 2);
 }
 
-TEST(QVMainQueueTest, LogLinesCarrySourceOperationAndMessage) {
-  QVLogCapture log;
-  Probe().logSomething(-4300);
-  ASSERT_EQ(log.lines().size(), 1u);
-  const auto line = log.lines()[0];
-  EXPECT_EQ(line.rfind("[error] Tests/QVMainQueueTest:", 0), 0u) << line;
-  EXPECT_NE(line.find(" Probe::logSomething Couldn't do it with result(-4300)"), std::string::npos) << line;
-  EXPECT_EQ(QVLogging::operationName("std::optional<std::vector<int> > QVX::f(int, char)"), "QVX::f");
-}
-
 // A host loop of the test's own: tasks and timers both go through it, and a cancelled timer never runs.
 TEST(QVMainQueueTest, DispatcherCarriesTasksAndTimers) {
-  struct HostLoop {
-    std::mutex mutex;
-    std::multimap<QVMainQueue::Clock::time_point, QVMainQueue::Task> due;
-  };
-  auto loop = std::make_shared<HostLoop>();
+  const auto loop = QVHostLoop::install();
   auto& queue = QVMainQueue::main();
-  queue.setDispatcher({[loop](QVMainQueue::Task task) {
-                         std::lock_guard lock(loop->mutex);
-                         loop->due.emplace(QVMainQueue::Clock::now(), std::move(task));
-                       },
-                       [loop](QVMainQueue::Clock::duration delay, QVMainQueue::Task task) {
-                         std::lock_guard lock(loop->mutex);
-                         loop->due.emplace(QVMainQueue::Clock::now() + delay, std::move(task));
-                       }});
   std::vector<int> order;
   queue.postAfter(std::chrono::milliseconds(20), [&] { order.push_back(2); });
   queue.cancelTimer(queue.postAfter(std::chrono::milliseconds(5), [&] { order.push_back(99); }));
   queue.post([&] { order.push_back(1); });
   queue.drain(); // the queue's own loop has nothing: everything waits in the host's
   EXPECT_TRUE(order.empty());
-  const auto deadline = QVMainQueue::Clock::now() + std::chrono::seconds(5);
-  while (order.size() < 2 && QVMainQueue::Clock::now() < deadline) {
-    QVMainQueue::Task task;
-    {
-      std::lock_guard lock(loop->mutex);
-      if (!loop->due.empty() && loop->due.begin()->first <= QVMainQueue::Clock::now()) {
-        task = std::move(loop->due.begin()->second);
-        loop->due.erase(loop->due.begin());
-      }
-    }
-    if (task)
-      task();
-    else
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  EXPECT_TRUE(loop->runUntil([&] { return order.size() >= 2; }, std::chrono::seconds(5)));
   queue.setDispatcher({});
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
