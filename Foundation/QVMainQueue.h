@@ -21,8 +21,8 @@ public:
   using Task = std::function<void()>;
   using Clock = std::chrono::steady_clock;
   using TimerID = uint64_t;
-  // A host with a loop of its own (Qt, GLib) installs one: both members run their task on the host's main
-  // thread, `post` soon, `postAfter` once the delay has passed. Then the library never runs a loop itself.
+  /// A host with a loop of its own (Qt, GLib) installs one: both members run their task on the host's main
+  /// thread, `post` soon, `postAfter` once the delay has passed. Then the library never runs a loop itself.
   struct Dispatcher {
     std::function<void(Task)> post;
     std::function<void(Clock::duration, Task)> postAfter;
@@ -30,27 +30,27 @@ public:
 
   static QVMainQueue& main();
 
-  // The thread that runs the queue; until run(), runUntil() or drain() is first called, the process's
-  // initial thread.
+  /// The thread that runs the queue; until run(), runUntil() or drain() is first called, the process's
+  /// initial thread.
   bool isMainThread() const;
 
   void post(Task task);
   TimerID postAfter(Clock::duration delay, Task task);
   void cancelTimer(TimerID timer);
 
-  // Runs tasks on the calling thread, which becomes the main thread, until stop() is called.
+  /// Runs tasks on the calling thread, which becomes the main thread, until stop() is called.
   void run();
-  // Runs until `done` holds or `timeout` passes; returns `done()`. For tests and one-shot commands.
+  /// Runs until `done` holds or `timeout` passes; returns `done()`. For tests and one-shot commands.
   bool runUntil(const std::function<bool()>& done, Clock::duration timeout);
-  // Runs whatever is due now, without waiting.
+  /// Runs whatever is due now, without waiting.
   void drain();
-  // Ends run(); tasks that wait in performOnMainThreadSynchronouslyIfPossible are released unrun.
+  /// Ends run(); tasks that wait in performOnMainThreadSynchronouslyIfPossible are released unrun.
   void stop();
-  // Accepts tasks again after stop().
+  /// Accepts tasks again after stop().
   void reset();
   bool stopped() const;
 
-  // The calling thread becomes the main thread. An empty dispatcher goes back to the queue's own loop.
+  /// The calling thread becomes the main thread. An empty dispatcher goes back to the queue's own loop.
   void setDispatcher(Dispatcher dispatcher);
   bool hasDispatcher() const;
 
@@ -71,12 +71,12 @@ private:
   friend bool QVWaitForMainThread(Task fn, bool runsAfterRelease, const std::atomic<bool>* released);
 };
 
-// Runs `fn` at once on the main thread, else hands it to the main queue and waits until it has run.
-// When the main queue stops meanwhile, `fn` is dropped with a warning rather than waited for forever.
+/// Runs `fn` at once on the main thread, else hands it to the main queue and waits until it has run.
+/// When the main queue stops meanwhile, `fn` is dropped with a warning rather than waited for forever.
 QVHANDOFF_EXPORT void performOnMainThreadSynchronouslyIfPossible(const std::function<void()>& fn);
-// The same for a caller that may be let go (a connection whose server stops): once `released` holds it
-// stops waiting, and `fn`, which owns what it uses, still runs on the main thread later. True when `fn`
-// ran before this returned.
+/// The same for a caller that may be let go (a connection whose server stops): once `released` holds it
+/// stops waiting, and `fn`, which owns what it uses, still runs on the main thread later. True when `fn`
+/// ran before this returned.
 bool performOnMainThreadSynchronouslyUnlessReleased(QVMainQueue::Task fn, const std::atomic<bool>& released);
 
 #ifdef NDEBUG

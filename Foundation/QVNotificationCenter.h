@@ -24,7 +24,7 @@ public:
 
   static QVNotificationCenter& defaultCenter();
 
-  // `object` filters by sender; nullptr observes every sender.
+  /// `object` filters by sender; nullptr observes every sender.
   Token addObserver(std::string name, const void* object, Observer observer);
   void removeObserver(Token token);
   void post(std::string name, const void* object, QVUserInfo userInfo = {});
@@ -41,7 +41,7 @@ private:
   Token nextToken_ = 1;
 };
 
-// Removes its observer when it goes away.
+/// Removes its observer when it goes away.
 class QVHANDOFF_EXPORT QVNotificationObservation {
 public:
   QVNotificationObservation() = default;

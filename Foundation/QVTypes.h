@@ -22,12 +22,12 @@ struct QVHANDOFF_EXPORT QVPoint {
   friend bool operator==(const QVPoint&, const QVPoint&) = default;
 };
 
-// A notification or error userInfo value.
+/// A notification or error userInfo value.
 using QVValue = std::variant<std::string, bool, int64_t, uint64_t, float, double, QVDate, QVPoint,
                              std::shared_ptr<QVHandoffDocumentInfo>>;
 using QVUserInfo = std::map<std::string, QVValue>;
 
-// The exported key of an error's HTTP status, for transport errors with code -1011.
+/// The exported key of an error's HTTP status, for transport errors with code -1011.
 inline constexpr const char* QVHTTPStatusCodeErrorKey = "QVHTTPStatusCodeErrorKey";
 inline constexpr const char* QVURLErrorDomain = "QVURLErrorDomain";
 
@@ -42,7 +42,7 @@ struct QVHANDOFF_EXPORT QVError {
   }
 };
 
-// Well-known transport error codes (domain QVURLErrorDomain).
+/// Well-known transport error codes (domain QVURLErrorDomain).
 namespace QVURLError {
 inline constexpr int64_t Cancelled = -999;
 inline constexpr int64_t TimedOut = -1001;
@@ -52,6 +52,6 @@ inline constexpr int64_t NetworkConnectionLost = -1005;
 inline constexpr int64_t BadServerResponse = -1011;
 } // namespace QVURLError
 
-// Seconds since 2001-01-01 00:00:00 UTC, the reference date of progress bookkeeping.
+/// Seconds since 2001-01-01 00:00:00 UTC, the reference date of progress bookkeeping.
 QVHANDOFF_EXPORT double QVTimeIntervalSinceReferenceDate(QVDate date);
 QVHANDOFF_EXPORT QVDate QVDateWithTimeIntervalSinceReferenceDate(double seconds);

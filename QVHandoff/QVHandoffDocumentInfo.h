@@ -28,18 +28,18 @@ public:
 
   static std::shared_ptr<QVHandoffDocumentInfo> make() { return std::make_shared<QVHandoffDocumentInfo>(); }
 
-  // A clean description of the document: the eleven descriptive fields, no transfer, no parent.
+  /// A clean description of the document: the eleven descriptive fields, no transfer, no parent.
   std::shared_ptr<QVHandoffDocumentInfo> copy() const;
-  // Path, device name, date and size; a record without path, device name or date equals nothing.
+  /// Path, device name, date and size; a record without path, device name or date equals nothing.
   bool isEqualToDocumentInfo(const QVHandoffDocumentInfo& other) const;
   std::string description() const;
 
-  // The last path component without its last extension; none without a path.
+  /// The last path component without its last extension; none without a path.
   std::optional<std::string> fileName() const;
   bool hasRemoteInfo() const;
   bool fileTransferred() const;
 
-  // Descriptive fields. An empty string stands for an absent one.
+  /// Descriptive fields. An empty string stands for an absent one.
   const std::string& filePath() const { return filePath_; }
   void setFilePath(std::string value) { filePath_ = std::move(value); }
   uint64_t pageNumber() const { return pageNumber_; }
@@ -50,7 +50,7 @@ public:
   void setICloudPath(std::string value) { iCloudPath_ = std::move(value); }
   const std::string& dropboxPath() const { return dropboxPath_; }
   void setDropboxPath(std::string value) { dropboxPath_ = std::move(value); }
-  // The tabs list sets these three on a connection thread while the host reads them: by value, locked.
+  /// The tabs list sets these three on a connection thread while the host reads them: by value, locked.
   std::string contentType() const {
     std::lock_guard lock(servedFieldsLock_);
     return contentType_;
@@ -67,7 +67,7 @@ public:
     std::lock_guard lock(servedFieldsLock_);
     fileModificationDate_ = value;
   }
-  // Also read by the data thread, to measure progress.
+  /// Also read by the data thread, to measure progress.
   uint64_t fileSize() const { return fileSize_.load(std::memory_order_relaxed); }
   void setFileSize(uint64_t value) { fileSize_.store(value, std::memory_order_relaxed); }
   int64_t deviceType() const { return deviceType_; }
@@ -83,16 +83,16 @@ public:
   const std::string& remoteDeviceName() const { return remoteDeviceName_; }
   void setRemoteDeviceName(std::string value) { remoteDeviceName_ = std::move(value); }
 
-  // The peer's record this document belongs to; not owned. Setting a record copies its names.
+  /// The peer's record this document belongs to; not owned. Setting a record copies its names.
   std::shared_ptr<QVHandoffServerInfo> parentServerInfo() const { return parentServerInfo_.lock(); }
   void setParentServerInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
 
-  // The transfer this record runs now. Starting a transfer replaces it; whoever drives the older one keeps
-  // it, torn down, so that nothing of it reaches the new one.
+  /// The transfer this record runs now. Starting a transfer replaces it; whoever drives the older one keeps
+  /// it, torn down, so that nothing of it reaches the new one.
   std::shared_ptr<QVHandoffTransfer> fileTransfer() const;
   void setFileTransfer(std::shared_ptr<QVHandoffTransfer> transfer);
 
-  // Transfer state: each forwards to the current transfer, under its lock.
+  /// Transfer state: each forwards to the current transfer, under its lock.
   float notifiedProgress() const { return fileTransfer()->notifiedProgress(); }
   double notifiedProgressTime() const { return fileTransfer()->notifiedProgressTime(); }
   uint64_t fileDataSizeHandled() const { return fileTransfer()->fileDataSizeHandled(); }
@@ -131,7 +131,7 @@ public:
     return fileTransfer()->fileTransferInvalidationHandler();
   }
 
-  // Each decrypted chunk of the download.
+  /// Each decrypted chunk of the download.
   void handleFileTransferData(const uint8_t* bytes, size_t length) {
     fileTransfer()->handleFileTransferData(bytes, length, fileSize());
   }
@@ -141,10 +141,10 @@ public:
     fileTransfer()->handleFileTransferCompletion(filePath);
   }
   void handleFileTransferError(const QVError& error) { fileTransfer()->handleFileTransferError(error); }
-  // Tears the transfer down: temporary file, counters, handle, request, callbacks; then the invalidation
-  // callback, once.
+  /// Tears the transfer down: temporary file, counters, handle, request, callbacks; then the invalidation
+  /// callback, once.
   void invalidateFileTransferRelatedData() { fileTransfer()->invalidateFileTransferRelatedData(); }
-  // Deletes the (partial) downloaded copy.
+  /// Deletes the (partial) downloaded copy.
   void invalidateFile() { fileTransfer()->invalidateFile(); }
 
 private:
@@ -163,7 +163,7 @@ private:
   std::string remoteFilePath_;
   std::string remoteDeviceName_;
   std::weak_ptr<QVHandoffServerInfo> parentServerInfo_;
-  // Guards only which transfer is current; never held while the transfer runs code.
+  /// Guards only which transfer is current; never held while the transfer runs code.
   mutable std::mutex fileTransferLock_;
   mutable std::mutex servedFieldsLock_;
   std::shared_ptr<QVHandoffTransfer> fileTransfer_ = std::make_shared<QVHandoffTransfer>();

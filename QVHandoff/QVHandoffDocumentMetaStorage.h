@@ -20,22 +20,22 @@ class QVHANDOFF_EXPORT QVHandoffDocumentMetaStorage : public QVHandoffMetaStorag
   struct Passkey {};
 
 public:
-  // A storage for the meta file in `containerPath`. It starts as soon as the container folder exists
-  // and has been tested, on the main queue.
+  /// A storage for the meta file in `containerPath`. It starts as soon as the container folder exists
+  /// and has been tested, on the main queue.
   static std::shared_ptr<QVHandoffDocumentMetaStorage>
   storageWithContainerURL(const std::string& containerPath);
 
   QVHandoffDocumentMetaStorage(Passkey, std::string metaFileURL);
   ~QVHandoffDocumentMetaStorage() override;
 
-  // A master storage starts at once when the container has been tested.
+  /// A master storage starts at once when the container has been tested.
   void setMaster(bool master) override;
 
   const std::string& metaFileURL() const { return metaFileURL_; }
   std::optional<QVDate> savedMetaModificationDate() const;
 
-  // The service type and key a meta file's contents hold (XML or binary property list); none unless both
-  // are present and non-empty. `isDictionary` tells an unreadable file from one that lacks a value.
+  /// The service type and key a meta file's contents hold (XML or binary property list); none unless both
+  /// are present and non-empty. `isDictionary` tells an unreadable file from one that lacks a value.
   struct MetaData {
     std::string serviceType;
     QVData AES256Key;
@@ -46,24 +46,24 @@ public:
   bool readMetaData();
   bool writeMetaData();
   std::optional<QVDate> metaModificationDate() const;
-  // Reads the file again unless its date is the one this storage last read or wrote.
+  /// Reads the file again unless its date is the one this storage last read or wrote.
   void handleMetaDataFileChange();
-  // Reads the file; a master storage that cannot makes and writes new meta data.
+  /// Reads the file; a master storage that cannot makes and writes new meta data.
   void ensureMetaDataFilePresented();
-  // The library path of the cloud platform; a synced folder never takes it.
+  /// The library path of the cloud platform; a synced folder never takes it.
   bool iCloudStorage() const { return false; }
 
   void handleiCloudConfigured();
   void handleiCloudTested();
   void iCloudAccountStateDidChangeNotification();
 
-  // Follows the meta file's folder while the file exists; events arrive on the watcher's thread.
+  /// Follows the meta file's folder while the file exists; events arrive on the watcher's thread.
   void startObservingMetaFileChanges();
   void stopObservingMetaFileChanges();
-  // The newest of the meta file and its conflict copies becomes the meta file; the other copies go.
+  /// The newest of the meta file and its conflict copies becomes the meta file; the other copies go.
   void resolveConflictsIfNeeded();
 
-  // File presenter.
+  /// File presenter.
   const std::string& presentedItemURL() const { return metaFileURL_; }
   void presentedItemDidChange();
   void presentedItemDidGainVersion();
@@ -74,11 +74,11 @@ private:
   void metaFolderFileDidChange(const std::string& name);
 
   const std::string metaFileURL_;
-  // Serialises the file work of the main thread and the watcher's thread, so that a change is read once.
-  // Recursive: a conflict resolution or a change handler goes on into a read.
+  /// Serialises the file work of the main thread and the watcher's thread, so that a change is read once.
+  /// Recursive: a conflict resolution or a change handler goes on into a read.
   mutable std::recursive_mutex fileMutex_;
   std::optional<QVDate> savedMetaModificationDate_;
-  // The file as last read or written, for when another device's file has the same date.
+  /// The file as last read or written, for when another device's file has the same date.
   std::string savedMetaContents_;
 
   std::mutex observationMutex_;

@@ -19,7 +19,7 @@ class QVHandoffServerContext;
 class QVHANDOFF_EXPORT QVHandoffHTTPServerDelegate {
 public:
   virtual ~QVHandoffHTTPServerDelegate() = default;
-  // DNS-SD established the publication (again after a rename); on the main queue.
+  /// DNS-SD established the publication (again after a rename); on the main queue.
   virtual void handoffHTTPServerDidPublish(QVHandoffHTTPServer& server) = 0;
 };
 
@@ -31,33 +31,33 @@ public:
   std::shared_ptr<QVHandoffHTTPServerDelegate> delegate() const;
   void setDelegate(const std::shared_ptr<QVHandoffHTTPServerDelegate>& delegate);
 
-  // What connections serve: the owning manager's documents, blocks and notifications. Held weakly.
+  /// What connections serve: the owning manager's documents, blocks and notifications. Held weakly.
   void setContext(const std::shared_ptr<QVHandoffServerContext>& context);
   std::shared_ptr<QVHandoffServerContext> context() const;
   std::weak_ptr<QVHandoffServerContext> weakContext() const;
 
-  // May be replaced at any time; connections read it afresh for every body they encrypt or decrypt.
+  /// May be replaced at any time; connections read it afresh for every body they encrypt or decrypt.
   QVData AES256Key() const;
   void setAES256Key(QVData key);
 
-  // What the server publishes through; without one a publication fails.
+  /// What the server publishes through; without one a publication fails.
   void setDNSSDEngine(std::shared_ptr<QVDNSSDEngine> engine);
 
-  // The DNS-SD service type; empty: start() only listens.
+  /// The DNS-SD service type; empty: start() only listens.
   std::string type() const;
   void setType(std::string type);
-  // Kept for the next publication and, while published, replaces the announced record at once.
+  /// Kept for the next publication and, while published, replaces the announced record at once.
   QVTXTRecordDictionary TXTRecordDictionary() const;
   void setTXTRecordDictionary(QVTXTRecordDictionary dictionary);
-  // The name DNS-SD established (the machine's name, or its rename after a clash); empty until then.
+  /// The name DNS-SD established (the machine's name, or its rename after a clash); empty until then.
   std::string publishedName() const;
 
-  // Listens on a free port, then publishes when a type is set: under an empty name, in "local", on that
-  // port. A server bound to the loopback is not announced: no peer could reach it. These hide the plain
-  // server's operations so that publication follows listening.
+  /// Listens on a free port, then publishes when a type is set: under an empty name, in "local", on that
+  /// port. A server bound to the loopback is not announced: no peer could reach it. These hide the plain
+  /// server's operations so that publication follows listening.
   bool start(QVError* error);
-  // Withdraws the publication and returns at once; the listener and every open connection close in the
-  // background.
+  /// Withdraws the publication and returns at once; the listener and every open connection close in the
+  /// background.
   void stop();
 
   void netServiceDidPublish(const std::shared_ptr<QVNetService>& sender);
@@ -66,7 +66,7 @@ public:
 private:
   class PublicationDelegate;
 
-  // The key, the delegate and the context are set on the main thread, read by connections.
+  /// The key, the delegate and the context are set on the main thread, read by connections.
   mutable std::mutex mutex_;
   QVData AES256Key_;
   std::weak_ptr<QVHandoffHTTPServerDelegate> delegate_;
@@ -76,6 +76,6 @@ private:
   QVTXTRecordDictionary TXTRecordDictionary_;
   std::string publishedName_;
   std::shared_ptr<QVNetService> netService_;
-  // Forwards the service's events here for as long as this server lives.
+  /// Forwards the service's events here for as long as this server lives.
   std::shared_ptr<PublicationDelegate> publicationDelegate_;
 };

@@ -19,7 +19,7 @@ inline constexpr const char* QVHandoffMetaFileName = ".com.quorvel.paperloom.han
 class QVHANDOFF_EXPORT QVHandoffMetaStorageDelegate {
 public:
   virtual ~QVHandoffMetaStorageDelegate() = default;
-  // The storage's service type and key now hold new values. Always called on the main queue.
+  /// The storage's service type and key now hold new values. Always called on the main queue.
   virtual void metaDataStorageDidChange(const std::shared_ptr<QVHandoffMetaStorage>& storage) = 0;
 };
 
@@ -27,26 +27,26 @@ class QVHANDOFF_EXPORT QVHandoffMetaStorage : public std::enable_shared_from_thi
 public:
   virtual ~QVHandoffMetaStorage() = default;
 
-  // 32 bytes from the system's cryptographic random source.
+  /// 32 bytes from the system's cryptographic random source.
   static QVData randomAES256Key();
 
   bool master() const;
   virtual void setMaster(bool master);
   std::shared_ptr<QVHandoffMetaStorageDelegate> delegate() const;
   void setDelegate(std::weak_ptr<QVHandoffMetaStorageDelegate> delegate);
-  // Written on the storage's own threads, read by the delegate on the main queue: hence the lock.
+  /// Written on the storage's own threads, read by the delegate on the main queue: hence the lock.
   std::string serviceType() const;
   void setServiceType(std::string serviceType);
   QVData AES256Key() const;
   void setAES256Key(QVData key);
 
-  // A fresh service type and key; neither persisted nor announced (the caller writes, the write announces).
+  /// A fresh service type and key; neither persisted nor announced (the caller writes, the write announces).
   void generateMeta();
-  // Tells the delegate later, on the main queue, never on the caller's stack.
+  /// Tells the delegate later, on the main queue, never on the caller's stack.
   void notifyDelegateAboutMetaChange();
 
 protected:
-  // Where generateMeta takes its key; a subclass may supply its own source.
+  /// Where generateMeta takes its key; a subclass may supply its own source.
   virtual QVData makeAES256Key() const { return randomAES256Key(); }
 
 private:

@@ -27,18 +27,18 @@ class QVHANDOFF_EXPORT QVHandoffPeerRegistry : public std::enable_shared_from_th
                                                public QVNetServiceBrowserDelegate,
                                                public QVNetServiceDelegate {
 public:
-  // What the registry asks of the manager that owns it.
+  /// What the registry asks of the manager that owns it.
   class Owner {
   public:
     virtual ~Owner() = default;
-    // Our own service comes back from the browsers too; it is never a peer.
+    /// Our own service comes back from the browsers too; it is never a peer.
     virtual std::string ownServiceName() = 0;
-    // A peer left: its downloads and uploads fail.
+    /// A peer left: its downloads and uploads fail.
     virtual void
     stopAllOperationsForServerWithInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo) = 0;
-    // Every change the host may see.
+    /// Every change the host may see.
     virtual void postServersInfoUpdateNotification() = 0;
-    // The peer's active document changed; on the main thread.
+    /// The peer's active document changed; on the main thread.
     virtual void
     postActiveRemoteDocumentChange(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo) = 0;
   };
@@ -48,15 +48,15 @@ public:
   using DocumentInfoTest = std::function<bool(const std::shared_ptr<QVHandoffDocumentInfo>& documentInfo,
                                               uint64_t index, bool* stop)>;
 
-  // Browsers search through `engine`; tabs lists are fetched through `session`.
+  /// Browsers search through `engine`; tabs lists are fetched through `session`.
   QVHandoffPeerRegistry(std::shared_ptr<QVDNSSDEngine> engine, std::shared_ptr<QVHTTPSessionManager> session,
                         std::weak_ptr<Owner> owner);
   ~QVHandoffPeerRegistry() override;
   QVHandoffPeerRegistry(const QVHandoffPeerRegistry&) = delete;
   QVHandoffPeerRegistry& operator=(const QVHandoffPeerRegistry&) = delete;
 
-  // A browser per storage, same index, searching only from startBrowsing() on. An empty list stops and
-  // drops the browsers; known records stay.
+  /// A browser per storage, same index, searching only from startBrowsing() on. An empty list stops and
+  /// drops the browsers; known records stay.
   void setMetaStorages(MetaStorageList metaStorages);
   const std::vector<std::shared_ptr<QVNetServiceBrowser>>& serviceBrowsers() const {
     return serviceBrowsers_;
@@ -65,7 +65,7 @@ public:
 
   void startBrowsing();
   void stopBrowsing();
-  // Forgets every peer, failing its transfers.
+  /// Forgets every peer, failing its transfers.
   void removeAllServersInfo();
 
   void netServiceBrowserDidFindService(const std::shared_ptr<QVNetServiceBrowser>& browser,
@@ -88,8 +88,8 @@ public:
   void performTabsListHTTPRequestForServerInfo(const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
   void handleResponseError(const QVError& error, const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
 
-  // A peer's answer to the tabs-list request read into the record's documents: the new active document when
-  // the host must hear of it, else null; none (logged) when it is not an encrypted JSON list.
+  /// A peer's answer to the tabs-list request read into the record's documents: the new active document when
+  /// the host must hear of it, else null; none (logged) when it is not an encrypted JSON list.
   static std::optional<std::shared_ptr<QVHandoffDocumentInfo>>
   takeInTabsListData(const QVData& body, const std::shared_ptr<QVHandoffServerInfo>& serverInfo);
 

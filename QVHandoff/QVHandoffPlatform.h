@@ -18,11 +18,11 @@ struct QVHANDOFF_EXPORT QVHandoffPlatform {
 
   using Factory = std::function<QVHandoffPlatform()>;
 
-  // The real ones: an engine for QVDNSSDConfiguration::current() (daemon, embedded stack or whichever
-  // works; the interface allow-list) and an HTTP client of its own.
+  /// The real ones: an engine for QVDNSSDConfiguration::current() (daemon, embedded stack or whichever
+  /// works; the interface allow-list) and an HTTP client of its own.
   static QVHandoffPlatform makeDefault();
-  // Through the factory in place; makeDefault() until a host set one.
+  /// Through the factory in place; makeDefault() until a host set one.
   static QVHandoffPlatform make();
-  // An empty factory puts makeDefault() back. Any thread; managers already made keep their platform.
+  /// An empty factory puts makeDefault() back. Any thread; managers already made keep their platform.
   static void setFactory(Factory factory);
 };

@@ -19,19 +19,19 @@ class QVHandoffDocumentInfo;
 class QVNetService;
 class QVURLSessionDataTask;
 
-// Stands for an absent index.
+/// Stands for an absent index.
 inline constexpr uint64_t QVNotFound = 9223372036854775807ULL;
 
 class QVHANDOFF_EXPORT QVHandoffServerInfo : public std::enable_shared_from_this<QVHandoffServerInfo> {
 public:
   static std::shared_ptr<QVHandoffServerInfo> make() { return std::make_shared<QVHandoffServerInfo>(); }
 
-  // Documents (as fresh copies), index, product name, device type, address and the same service; nothing
-  // of the key, the request or the flags.
+  /// Documents (as fresh copies), index, product name, device type, address and the same service; nothing
+  /// of the key, the request or the flags.
   std::shared_ptr<QVHandoffServerInfo> copy() const;
   std::string description() const;
 
-  // The name the peer published itself under; empty without a service.
+  /// The name the peer published itself under; empty without a service.
   std::string deviceName() const;
 
   std::optional<QVData> AES256EncryptedDataWithJSONObject(const nlohmann::json& object) const;

@@ -28,7 +28,7 @@ public:
   QVHandoffTransfer& operator=(const QVHandoffTransfer&) = delete;
   virtual ~QVHandoffTransfer() = default;
 
-  // Every accessor takes the lock: the data thread and the main thread both reach a transfer.
+  /// Every accessor takes the lock: the data thread and the main thread both reach a transfer.
   float notifiedProgress() const { return locked(notifiedProgress_); }
   double notifiedProgressTime() const { return locked(notifiedProgressTime_); }
   uint64_t fileDataSizeHandled() const { return locked(fileDataSizeHandled_); }
@@ -63,7 +63,7 @@ public:
     assign(fileTransferInvalidationHandler_, std::move(value));
   }
 
-  // Written and counted against `fileSize` (the record's; 0 writes without counting).
+  /// Written and counted against `fileSize` (the record's; 0 writes without counting).
   void handleFileTransferData(const uint8_t* bytes, size_t length, uint64_t fileSize);
   void handleFileTransferProgress(float progress);
   void handleFileTransferCompletion(const std::string& filePath);
@@ -81,7 +81,7 @@ private:
     member = std::move(value);
   }
 
-  // Re-entered when the invalidation callback or a host callback calls back in.
+  /// Re-entered when the invalidation callback or a host callback calls back in.
   mutable std::recursive_mutex lock_;
   float notifiedProgress_ = 0;
   double notifiedProgressTime_ = 0;

@@ -11,9 +11,9 @@
 
 class QVFolderWatcher;
 
-// Posted on the main queue, no object, once the availability test has finished.
+/// Posted on the main queue, no object, once the availability test has finished.
 inline constexpr const char* QVHandoffiCloudTestedNotification = "QVHandoffiCloudTestedNotification";
-// Posted on the main queue, with the default presenter as object, when `currentAccountState` changes.
+/// Posted on the main queue, with the default presenter as object, when `currentAccountState` changes.
 inline constexpr const char* QViCloudAccountStateDidChangeNotification =
     "QViCloudAccountStateDidChangeNotification";
 
@@ -24,27 +24,27 @@ public:
   static constexpr int kAccountStateNoAccount = 0;
   static constexpr int kAccountStateAvailable = 1;
 
-  // The synced folder. Set by the host before it creates storages; the folder may appear later.
+  /// The synced folder. Set by the host before it creates storages; the folder may appear later.
   static void setContainerPath(std::string path);
-  // Absent until the host has set a container folder.
+  /// Absent until the host has set a container folder.
   static std::shared_ptr<QVHandoffiCloudDocumentsPresenter> defaultPresenter();
 
-  // The container folder exists.
+  /// The container folder exists.
   static bool isiCloudConfigured();
-  // The container folder was writable when the test ran; false until then.
+  /// The container folder was writable when the test ran; false until then.
   static bool isiCloudAvailable();
-  // The first call starts the test, once per process, and returns false; the test's end is announced by
-  // QVHandoffiCloudTestedNotification.
+  /// The first call starts the test, once per process, and returns false; the test's end is announced by
+  /// QVHandoffiCloudTestedNotification.
   static bool isiCloudTested();
 
-  // Forgets the container, the presenter and the test, so that each test starts as a fresh process.
+  /// Forgets the container, the presenter and the test, so that each test starts as a fresh process.
   static void resetForTesting();
 
   QVHandoffiCloudDocumentsPresenter(Passkey, std::string containerPath);
   ~QVHandoffiCloudDocumentsPresenter();
 
   const std::string& containerURL() const { return containerPath_; }
-  // 1 while the folder exists and is writable, else 0.
+  /// 1 while the folder exists and is writable, else 0.
   int currentAccountState() const;
 
 private:
@@ -53,6 +53,6 @@ private:
   const std::string containerPath_;
   std::weak_ptr<QVHandoffiCloudDocumentsPresenter> weakSelf_;
   std::atomic<int> lastAccountState_ = kAccountStateNoAccount;
-  // Last: it is stopped before the fields its callbacks use go away.
+  /// Last: it is stopped before the fields its callbacks use go away.
   std::unique_ptr<QVFolderWatcher> watcher_;
 };

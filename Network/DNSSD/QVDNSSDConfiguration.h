@@ -11,22 +11,22 @@
 struct QVHANDOFF_EXPORT QVDNSSDConfiguration {
   enum class Mode { Auto, Daemon, Embedded };
 
-  // Auto: the daemon when one answers, else the embedded stack.
+  /// Auto: the daemon when one answers, else the embedded stack.
   Mode mode = Mode::Auto;
-  // Embedded stack only: the interfaces it may use (all when empty).
+  /// Embedded stack only: the interfaces it may use (all when empty).
   std::vector<std::string> interfaces;
-  // Embedded stack only: the host name to claim (the machine's when empty). Stacks that share a network
-  // namespace must claim the same name.
+  /// Embedded stack only: the host name to claim (the machine's when empty). Stacks that share a network
+  /// namespace must claim the same name.
   std::string hostName;
 
-  // QVHANDOFF_DNSSD (auto, daemon, embedded) and QVHANDOFF_INTERFACES (comma-separated).
+  /// QVHANDOFF_DNSSD (auto, daemon, embedded) and QVHANDOFF_INTERFACES (comma-separated).
   static QVDNSSDConfiguration fromEnvironment();
   static std::optional<Mode> modeFromString(const std::string& text);
   static const char* stringFromMode(Mode mode);
   static std::vector<std::string> interfacesFromString(const std::string& text);
 
-  // What the default platform's engine is made with (QVHandoffPlatform::makeDefault); fromEnvironment()
-  // until set. An engine keeps the configuration it was made with.
+  /// What the default platform's engine is made with (QVHandoffPlatform::makeDefault); fromEnvironment()
+  /// until set. An engine keeps the configuration it was made with.
   static QVDNSSDConfiguration current();
   static void setCurrent(QVDNSSDConfiguration configuration);
 };

@@ -15,16 +15,16 @@ class QVHANDOFF_EXPORT QVNetServiceBrowserDelegate {
 public:
   virtual ~QVNetServiceBrowserDelegate() = default;
 
-  // Once per service name, however many interfaces it shows up on. `moreComing` is always false: the
-  // engine does not say.
+  /// Once per service name, however many interfaces it shows up on. `moreComing` is always false: the
+  /// engine does not say.
   virtual void netServiceBrowserDidFindService(const std::shared_ptr<QVNetServiceBrowser>& /*browser*/,
                                                const std::shared_ptr<QVNetService>& /*service*/,
                                                bool /*moreComing*/) {}
-  // When the last instance of the name went, with the service object reported when found.
+  /// When the last instance of the name went, with the service object reported when found.
   virtual void netServiceBrowserDidRemoveService(const std::shared_ptr<QVNetServiceBrowser>& /*browser*/,
                                                  const std::shared_ptr<QVNetService>& /*service*/,
                                                  bool /*moreComing*/) {}
-  // The search could not start or broke off; the browser has stopped.
+  /// The search could not start or broke off; the browser has stopped.
   virtual void netServiceBrowserDidNotSearch(const std::shared_ptr<QVNetServiceBrowser>& /*browser*/,
                                              const QVUserInfo& /*errorDict*/) {}
   virtual void netServiceBrowserDidStopSearch(const std::shared_ptr<QVNetServiceBrowser>& /*browser*/) {}

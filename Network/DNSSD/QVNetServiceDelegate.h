@@ -13,19 +13,19 @@ class QVHANDOFF_EXPORT QVNetServiceDelegate {
 public:
   virtual ~QVNetServiceDelegate() = default;
 
-  // The service is established under service->name(), the last name tried after collisions.
+  /// The service is established under service->name(), the last name tried after collisions.
   virtual void netServiceDidPublish(const std::shared_ptr<QVNetService>& /*sender*/) {}
-  // `errorDict` holds QVNetServicesErrorDomain and QVNetServicesErrorCode (an Avahi error code).
+  /// `errorDict` holds QVNetServicesErrorDomain and QVNetServicesErrorCode (an Avahi error code).
   virtual void netServiceDidNotPublish(const std::shared_ptr<QVNetService>& /*sender*/,
                                        const QVUserInfo& /*errorDict*/) {}
-  // hostName(), port() and addresses() are set.
+  /// hostName(), port() and addresses() are set.
   virtual void netServiceDidResolveAddress(const std::shared_ptr<QVNetService>& /*sender*/) {}
-  // Also after the resolve timeout (code -15, Avahi's timeout).
+  /// Also after the resolve timeout (code -15, Avahi's timeout).
   virtual void netServiceDidNotResolve(const std::shared_ptr<QVNetService>& /*sender*/,
                                        const QVUserInfo& /*errorDict*/) {}
-  // A new TXT record arrived while monitoring.
+  /// A new TXT record arrived while monitoring.
   virtual void netServiceDidUpdateTXTRecordData(const std::shared_ptr<QVNetService>& /*sender*/,
                                                 const QVData& /*data*/) {}
-  // A publication or resolve ended by stop().
+  /// A publication or resolve ended by stop().
   virtual void netServiceDidStop(const std::shared_ptr<QVNetService>& /*sender*/) {}
 };
