@@ -26,17 +26,21 @@ public:
   using ErrorHandler = QVHandoffTransfer::ErrorHandler;
   using InvalidationHandler = QVHandoffTransfer::InvalidationHandler;
 
+  /// An empty record, shared from the start: transfers and peers' records hold it by pointer.
   static std::shared_ptr<QVHandoffDocumentInfo> make() { return std::make_shared<QVHandoffDocumentInfo>(); }
 
   /// A clean description of the document: the eleven descriptive fields, no transfer, no parent.
   std::shared_ptr<QVHandoffDocumentInfo> copy() const;
   /// Path, device name, date and size; a record without path, device name or date equals nothing.
   bool isEqualToDocumentInfo(const QVHandoffDocumentInfo& other) const;
+  /// For logs: the record's address and each descriptive field that is set, on one line.
   std::string description() const;
 
   /// The last path component without its last extension; none without a path.
   std::optional<std::string> fileName() const;
+  /// A downloaded copy that knows its origin: both the remote file path and the remote device name are set.
   bool hasRemoteInfo() const;
+  /// Every byte of the download has been handled: the handled count equals fileSize (0 of 0 counts).
   bool fileTransferred() const;
 
   /// Descriptive fields. An empty string stands for an absent one.
@@ -70,6 +74,8 @@ public:
   /// Also read by the data thread, to measure progress.
   uint64_t fileSize() const { return fileSize_.load(std::memory_order_relaxed); }
   void setFileSize(uint64_t value) { fileSize_.store(value, std::memory_order_relaxed); }
+  /// Where the document is open: the device's type, product and name; then the local copy that is to be
+  /// saved back to its origin, and that origin's path and device. An empty string stands for an absent one.
   int64_t deviceType() const { return deviceType_; }
   void setDeviceType(int64_t value) { deviceType_ = value; }
   const std::string& productName() const { return productName_; }
@@ -136,10 +142,15 @@ public:
     fileTransfer()->handleFileTransferData(bytes, length, fileSize());
   }
   void handleFileTransferData(const QVData& data) { handleFileTransferData(data.data(), data.size()); }
+  /// Hands the progress to the host's callback on the main thread, at most every 0.1 s and in steps of at
+  /// least 1%; silent once the transfer is torn down.
   void handleFileTransferProgress(float progress) { fileTransfer()->handleFileTransferProgress(progress); }
+  /// Ends the transfer and hands `filePath` to the completion callback on the main thread; the copy there is
+  /// the caller's from then on and no teardown deletes it.
   void handleFileTransferCompletion(const std::string& filePath) {
     fileTransfer()->handleFileTransferCompletion(filePath);
   }
+  /// Ends the transfer, deletes the partial copy and hands `error` to the error callback on the main thread.
   void handleFileTransferError(const QVError& error) { fileTransfer()->handleFileTransferError(error); }
   /// Tears the transfer down: temporary file, counters, handle, request, callbacks; then the invalidation
   /// callback, once.

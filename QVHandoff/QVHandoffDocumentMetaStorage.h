@@ -31,7 +31,9 @@ public:
   /// A master storage starts at once when the container has been tested.
   void setMaster(bool master) override;
 
+  /// The meta file's path: the container folder joined with QVHandoffMetaFileName.
   const std::string& metaFileURL() const { return metaFileURL_; }
+  /// The file's date when this storage last read or wrote it; none before that.
   std::optional<QVDate> savedMetaModificationDate() const;
 
   /// The service type and key a meta file's contents hold (XML or binary property list); none unless both
@@ -40,11 +42,17 @@ public:
     std::string serviceType;
     QVData AES256Key;
   };
+  /// Parses `contents` into MetaData as described above.
   static std::optional<MetaData> metaDataFromContents(const std::string& contents,
                                                       bool* isDictionary = nullptr);
 
+  /// Takes service type and key from the file and tells the delegate; false (logged) when the file is
+  /// missing, unreadable or lacks either.
   bool readMetaData();
+  /// Writes service type and key to the file atomically, as an XML property list, and tells the delegate;
+  /// false (logged) when either is empty or the write fails.
   bool writeMetaData();
+  /// The file's modification date on disk now; none (logged) when it cannot be read.
   std::optional<QVDate> metaModificationDate() const;
   /// Reads the file again unless its date is the one this storage last read or wrote.
   void handleMetaDataFileChange();
@@ -53,19 +61,27 @@ public:
   /// The library path of the cloud platform; a synced folder never takes it.
   bool iCloudStorage() const { return false; }
 
+  /// The container folder exists: the file is read (or made) once the availability test has ended, at once
+  /// when it has.
   void handleiCloudConfigured();
+  /// The availability test ended: reads the meta file, or makes and writes new meta data when master.
   void handleiCloudTested();
+  /// The container's account state changed: once it is available, starts on the main thread as
+  /// handleiCloudConfigured() does.
   void iCloudAccountStateDidChangeNotification();
 
   /// Follows the meta file's folder while the file exists; events arrive on the watcher's thread.
   void startObservingMetaFileChanges();
+  /// Stops following the folder; a change being handled finishes first.
   void stopObservingMetaFileChanges();
   /// The newest of the meta file and its conflict copies becomes the meta file; the other copies go.
   void resolveConflictsIfNeeded();
 
   /// File presenter.
   const std::string& presentedItemURL() const { return metaFileURL_; }
+  /// The meta file changed: handleMetaDataFileChange().
   void presentedItemDidChange();
+  /// A conflict copy appeared beside it: resolveConflictsIfNeeded().
   void presentedItemDidGainVersion();
 
 private:

@@ -28,11 +28,13 @@ public:
   QVHandoffHTTPServer();
   ~QVHandoffHTTPServer() override;
 
+  /// Held weakly: null once the delegate is gone. Any thread.
   std::shared_ptr<QVHandoffHTTPServerDelegate> delegate() const;
   void setDelegate(const std::shared_ptr<QVHandoffHTTPServerDelegate>& delegate);
 
   /// What connections serve: the owning manager's documents, blocks and notifications. Held weakly.
   void setContext(const std::shared_ptr<QVHandoffServerContext>& context);
+  /// The context while its manager lives, else null; the weak form is for work that runs later.
   std::shared_ptr<QVHandoffServerContext> context() const;
   std::weak_ptr<QVHandoffServerContext> weakContext() const;
 
@@ -60,6 +62,8 @@ public:
   /// background.
   void stop();
 
+  /// The publication's outcome, on the main queue: success records the established name and tells the
+  /// delegate; a failure is only logged.
   void netServiceDidPublish(const std::shared_ptr<QVNetService>& sender);
   void netServiceDidNotPublish(const std::shared_ptr<QVNetService>& sender, const QVUserInfo& errorDict);
 

@@ -9,6 +9,7 @@
 #include <functional>
 #include <string>
 
+/// How much a line matters, least first; Off silences every line.
 enum class QVHandoffLogLevel { Trace, Debug, Info, Warning, Error, Off };
 
 /// Receives one line: its level, its source ("QVHandoff/QVHandoffManager"), its operation
@@ -23,4 +24,5 @@ QVHANDOFF_EXPORT void QVHandoffSetLogHandler(QVHandoffLogHandler handler);
 /// Lines below `level` are not formatted at all. The default is Info, or QVHANDOFF_LOG_LEVEL (trace, debug,
 /// info, warning, error, off) when set.
 QVHANDOFF_EXPORT void QVHandoffSetLogLevel(QVHandoffLogLevel level);
+/// The level lines are filtered at now: the last one set, else the environment's or Info.
 QVHANDOFF_EXPORT QVHandoffLogLevel QVHandoffLogLevelInEffect();

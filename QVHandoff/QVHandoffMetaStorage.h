@@ -12,8 +12,11 @@
 
 class QVHandoffMetaStorage;
 
+/// The meta file's key of the DNS-SD service type (a string).
 inline constexpr const char* QVHandoffMetaServiceTypeKey = "serviceType";
+/// The meta file's key of the shared AES-256 key (data).
 inline constexpr const char* QVHandoffMetaAES256KeyKey = "aes256Key";
+/// The meta file's name, at the top of the synced container folder; hidden.
 inline constexpr const char* QVHandoffMetaFileName = ".com.quorvel.paperloom.handoff";
 
 class QVHANDOFF_EXPORT QVHandoffMetaStorageDelegate {
@@ -30,8 +33,11 @@ public:
   /// 32 bytes from the system's cryptographic random source.
   static QVData randomAES256Key();
 
+  /// The master storage is the one whose service this installation publishes; only it makes missing meta
+  /// data. Any thread.
   bool master() const;
   virtual void setMaster(bool master);
+  /// Held weakly: null once the delegate is gone.
   std::shared_ptr<QVHandoffMetaStorageDelegate> delegate() const;
   void setDelegate(std::weak_ptr<QVHandoffMetaStorageDelegate> delegate);
   /// Written on the storage's own threads, read by the delegate on the main queue: hence the lock.

@@ -13,7 +13,9 @@ class QVDNSSDEngine;
 class QVHTTPSessionManager;
 
 struct QVHANDOFF_EXPORT QVHandoffPlatform {
+  /// What services are published, browsed and resolved through.
   std::shared_ptr<QVDNSSDEngine> DNSSDEngine;
+  /// What requests to peers go through.
   std::shared_ptr<QVHTTPSessionManager> HTTPSessionManager;
 
   using Factory = std::function<QVHandoffPlatform()>;

@@ -65,10 +65,16 @@ public:
 
   /// Written and counted against `fileSize` (the record's; 0 writes without counting).
   void handleFileTransferData(const uint8_t* bytes, size_t length, uint64_t fileSize);
+  /// Reaches the progress callback on the main thread, at most every 0.1 s and in steps of at least 1%.
   void handleFileTransferProgress(float progress);
+  /// Tears the transfer down, keeps the finished copy, and calls the completion callback on the main thread.
   void handleFileTransferCompletion(const std::string& filePath);
+  /// Tears the transfer down, deletes the partial copy, and calls the error callback on the main thread.
   void handleFileTransferError(const QVError& error);
+  /// Deletes the temporary file, resets the counters, drops handle, request and callbacks; then calls the
+  /// invalidation callback once. The final copy stays.
   void invalidateFileTransferRelatedData();
+  /// Deletes the final (partial) copy, once, whichever thread gets here first.
   void invalidateFile();
 
 private:

@@ -21,6 +21,7 @@ class QVHANDOFF_EXPORT QVHandoffiCloudDocumentsPresenter {
   struct Passkey {};
 
 public:
+  /// The values of currentAccountState().
   static constexpr int kAccountStateNoAccount = 0;
   static constexpr int kAccountStateAvailable = 1;
 
@@ -43,6 +44,7 @@ public:
   QVHandoffiCloudDocumentsPresenter(Passkey, std::string containerPath);
   ~QVHandoffiCloudDocumentsPresenter();
 
+  /// The synced folder's path, as the host set it.
   const std::string& containerURL() const { return containerPath_; }
   /// 1 while the folder exists and is writable, else 0.
   int currentAccountState() const;
