@@ -28,14 +28,19 @@ public:
     std::function<void(Clock::duration, Task)> postAfter;
   };
 
+  /// The one main queue of the process.
   static QVMainQueue& main();
 
   /// The thread that runs the queue; until run(), runUntil() or drain() is first called, the process's
   /// initial thread.
   bool isMainThread() const;
 
+  /// Runs `task` on the main thread after those posted before it, through the dispatcher when one is
+  /// installed. Any thread.
   void post(Task task);
+  /// Runs `task` on the main thread once `delay` has passed; the ID cancels it. Any thread.
   TimerID postAfter(Clock::duration delay, Task task);
+  /// The timer's task will not run; an ID that has fired already or is unknown is ignored.
   void cancelTimer(TimerID timer);
 
   /// Runs tasks on the calling thread, which becomes the main thread, until stop() is called.
@@ -48,10 +53,12 @@ public:
   void stop();
   /// Accepts tasks again after stop().
   void reset();
+  /// stop() was called and reset() has not been since.
   bool stopped() const;
 
   /// The calling thread becomes the main thread. An empty dispatcher goes back to the queue's own loop.
   void setDispatcher(Dispatcher dispatcher);
+  /// A host's dispatcher is installed, so the library runs no loop of its own.
   bool hasDispatcher() const;
 
 private:

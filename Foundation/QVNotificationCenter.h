@@ -22,11 +22,15 @@ public:
   using Observer = std::function<void(const QVNotification&)>;
   using Token = uint64_t;
 
+  /// The process's one center; the library posts to it.
   static QVNotificationCenter& defaultCenter();
 
   /// `object` filters by sender; nullptr observes every sender.
   Token addObserver(std::string name, const void* object, Observer observer);
+  /// An unknown token is ignored; a post under way on another thread may still call the observer once.
   void removeObserver(Token token);
+  /// Calls every matching observer at once on this thread, outside the center's lock: an observer may post
+  /// or (un)register in turn.
   void post(std::string name, const void* object, QVUserInfo userInfo = {});
 
 private:
@@ -45,6 +49,7 @@ private:
 class QVHANDOFF_EXPORT QVNotificationObservation {
 public:
   QVNotificationObservation() = default;
+  /// Observes as QVNotificationCenter::addObserver() does, until destroyed or assigned over.
   QVNotificationObservation(QVNotificationCenter& center, std::string name, const void* object,
                             QVNotificationCenter::Observer observer);
   QVNotificationObservation(QVNotificationObservation&& other) noexcept;

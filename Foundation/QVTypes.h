@@ -13,9 +13,12 @@
 
 class QVHandoffDocumentInfo;
 
+/// Bytes: keys, message bodies, TXT records.
 using QVData = std::vector<uint8_t>;
+/// A point in time, as the system clock keeps it.
 using QVDate = std::chrono::system_clock::time_point;
 
+/// A point on a document's page, in page coordinates.
 struct QVHANDOFF_EXPORT QVPoint {
   double x = 0;
   double y = 0;
@@ -29,6 +32,7 @@ using QVUserInfo = std::map<std::string, QVValue>;
 
 /// The exported key of an error's HTTP status, for transport errors with code -1011.
 inline constexpr const char* QVHTTPStatusCodeErrorKey = "QVHTTPStatusCodeErrorKey";
+/// The domain of the HTTP client's transport errors (codes in QVURLError).
 inline constexpr const char* QVURLErrorDomain = "QVURLErrorDomain";
 
 struct QVHANDOFF_EXPORT QVError {
@@ -36,7 +40,9 @@ struct QVHANDOFF_EXPORT QVError {
   int64_t code = 0;
   QVUserInfo userInfo;
 
+  /// For logs: "Error Domain=<domain> Code=<code>"; the userInfo is left out.
   std::string description() const;
+  /// Equal by domain and code; the userInfo does not count.
   friend bool operator==(const QVError& a, const QVError& b) {
     return a.domain == b.domain && a.code == b.code;
   }
@@ -54,4 +60,5 @@ inline constexpr int64_t BadServerResponse = -1011;
 
 /// Seconds since 2001-01-01 00:00:00 UTC, the reference date of progress bookkeeping.
 QVHANDOFF_EXPORT double QVTimeIntervalSinceReferenceDate(QVDate date);
+/// The inverse: the date `seconds` after the reference date.
 QVHANDOFF_EXPORT QVDate QVDateWithTimeIntervalSinceReferenceDate(double seconds);

@@ -21,12 +21,16 @@ struct QVHANDOFF_EXPORT QVDNSSDConfiguration {
 
   /// QVHANDOFF_DNSSD (auto, daemon, embedded) and QVHANDOFF_INTERFACES (comma-separated).
   static QVDNSSDConfiguration fromEnvironment();
+  /// "auto", "daemon" or "embedded"; none for anything else.
   static std::optional<Mode> modeFromString(const std::string& text);
+  /// The inverse of modeFromString().
   static const char* stringFromMode(Mode mode);
+  /// Comma-separated names, trimmed of blanks; empty entries are dropped.
   static std::vector<std::string> interfacesFromString(const std::string& text);
 
   /// What the default platform's engine is made with (QVHandoffPlatform::makeDefault); fromEnvironment()
   /// until set. An engine keeps the configuration it was made with.
   static QVDNSSDConfiguration current();
+  /// Applies to engines made from now on; any thread.
   static void setCurrent(QVDNSSDConfiguration configuration);
 };

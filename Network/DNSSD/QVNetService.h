@@ -40,15 +40,19 @@ public:
   /// The instance name: for a peer, the name under which it published itself; for ours, the published
   /// name once the publication is established.
   virtual std::string name() const;
+  /// For logs: the object's address, domain, type and name.
   virtual std::string description() const;
+  /// As given when made.
   std::string type() const;
   std::string domain() const;
   /// -1 until resolved, for a found service.
   virtual int64_t port() const;
   /// Known once resolved ("Host.local"), empty before.
   virtual std::string hostName() const;
+  /// The resolved address, as text; empty before a resolve.
   std::vector<std::string> addresses() const;
 
+  /// Held weakly: null once the delegate is gone.
   std::shared_ptr<QVNetServiceDelegate> delegate() const;
   void setDelegate(std::weak_ptr<QVNetServiceDelegate> delegate);
 
@@ -57,12 +61,16 @@ public:
   virtual QVData TXTRecordData() const;
   bool setTXTRecordData(const QVData& data);
 
+  /// Publishes the service with the TXT record set; the outcome reaches the delegate on the main queue
+  /// (netServiceDidPublish, after any rename on collision, or netServiceDidNotPublish).
   void publish();
   /// A resolve after an earlier one ends only with news: an answer that repeats the last resolution (the
   /// engine's cache may hold a dead peer's records for minutes) waits for the deadline instead.
   virtual void resolveWithTimeout(std::chrono::milliseconds timeout);
   /// Ends a publication or a resolve; TXT monitoring goes on.
   virtual void stop();
+  /// Follows the TXT record: each new one reaches the delegate (netServiceDidUpdateTXTRecordData). A
+  /// second call while monitoring does nothing; stopMonitoring() ends it.
   virtual void startMonitoring();
   virtual void stopMonitoring();
 

@@ -27,5 +27,6 @@ public:
   /// The search could not start or broke off; the browser has stopped.
   virtual void netServiceBrowserDidNotSearch(const std::shared_ptr<QVNetServiceBrowser>& /*browser*/,
                                              const QVUserInfo& /*errorDict*/) {}
+  /// The search ended by the browser's stop().
   virtual void netServiceBrowserDidStopSearch(const std::shared_ptr<QVNetServiceBrowser>& /*browser*/) {}
 };

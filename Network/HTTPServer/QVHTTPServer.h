@@ -18,6 +18,7 @@
 class QVHTTPConnection;
 class QVHTTPConnectionDriver;
 
+/// The domain of start()'s errors; the code is an errno value.
 inline constexpr const char* QVHTTPServerErrorDomain = "QVHTTPServerErrorDomain";
 
 struct QVHANDOFF_EXPORT QVHTTPServerLimits {
@@ -43,6 +44,7 @@ public:
 
   /// How connections are made; the default serves nothing. Set before start().
   void setConnectionFactory(ConnectionFactory factory);
+  /// What a peer may take; applied at start().
   const QVHTTPServerLimits& limits() const { return limits_; }
   void setLimits(const QVHTTPServerLimits& limits) { limits_ = limits; }
   /// The IPv4 address to listen on ("127.0.0.1"); empty, the default, listens on every interface,
@@ -61,9 +63,11 @@ public:
   /// the background; connections waiting for the main thread are released (QVHTTPConnection::serverStopped).
   /// start() may follow at once, on a new port. The destructor waits until every closing is done.
   void stop();
+  /// Listening: between a successful start() and stop().
   bool isRunning() const { return port_ != 0; }
   /// The port chosen at start; 0 while stopped.
   uint16_t port() const { return port_; }
+  /// The connections open now.
   size_t numberOfHTTPConnections() const;
 
 protected:
